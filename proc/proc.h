@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+// "Not known yet" for the ids of a record.
+constexpr uint32_t kUnknownId = 0xFFFFFFFF;
+
+// Stands for a uid that could not be found out. It counts as monitored only where 20000 itself is.
+constexpr uint32_t kUnknownUid = 20000;
+
+// Whether the scheduler state alone makes a task that stands still a suspect: uninterruptible sleep,
+// stopped, or zombie.
+constexpr bool is_blocked_state(char state) {
+    return state == 'D' || state == 'T' || state == 'Z';
+}
+
+// One sampled task: a process or one of its threads. read_stat() keeps the fields marked [s]; the
+// detector that holds the record owns the others.
+struct proc {
+    uint32_t pid = kUnknownId;   // [s] task id: the thread id for /proc/<pid>/task/<tid>
+    uint32_t tgid = kUnknownId;  // process that owns the task
+    uint32_t ppid = kUnknownId;  // [s] parent process
+    uint32_t uid = kUnknownUid;  // real user id, where the detector asks for it
+    uint64_t sched_count = 0;    // [s] times run on a processor, from schedstat; 0 until read
+    uint32_t cpu_time = 0;       // [s] utime + stime in clock ticks, wraps at 32 bits
+    int64_t count = 0;           // [s] stuck time in ms: how long the task has made no progress
+    char state = '?';            // [s] one-letter scheduler state, '?' while unknown
+    char comm[16] = {};          // [s] task name, 15 characters at most
+    bool alive = false;          // met in the current scan
+    bool reported = false;       // dumped for the current hang; read_stat() clears it on progress
+    bool frozen = false;         // [s] in the frozen group of the cgroup v1 freezer
+    bool zygote_child = false;   // forked by a zygote
+    std::string wchan;           // kernel wait channel, where the detector asks for it
+
+    // Forgets what was sampled, for a record that is re-used for another task. The ids, the uid,
+    // the CPU time and the wait channel stay: the next sample or the detector overwrites them.
+    void clear_sample();
+
+    // Stores the first 15 characters of `name`.
+    void set_comm(const char* name);
+};

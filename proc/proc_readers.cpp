@@ -1,0 +1,138 @@
+#include "proc/proc_readers.h"
+
+#include <android-base/file.h>
+#include <sys/stat.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <string_view>
+#include <vector>
+
+#include "core/log.h"
+#include "modules/config.h"
+#include "proc/string_split.h"
+
+namespace {
+
+// The fields of a stat file that a sample is made of.
+struct StatFields {
+    uint32_t pid = kUnknownId;
+    char name[17] = {};
+    char state = '?';
+    uint32_t ppid = kUnknownId;
+    uint32_t utime = kUnknownId;
+    uint32_t stime = kUnknownId;
+};
+
+// /proc/<pid>/stat: "1234 (surfaceflinger) S 1 1234 0 0 -1 4194560 9 0 0 0 17 5 ...": pid, name,
+// state, parent, nine fields passed over, utime, stime. The name ends at its first ')': a task that
+// has one inside its name is not sampled.
+bool parse_stat(const std::string& text, StatFields* fields) {
+    return sscanf(text.c_str(),
+                  "%u (%16[^)]) %c %u %*d %*d %*d %*d %*d %*d %*d %*d %*d %u %u", &fields->pid,
+                  fields->name, &fields->state, &fields->ppid, &fields->utime,
+                  &fields->stime) == 6;
+}
+
+// /proc/<pid>/schedstat: "4128373 98231 57": ns on a processor, ns waiting, times run. The run
+// count is 0 on kernels built without scheduler statistics; 0 and the all-ones value say nothing.
+bool parse_run_count(const std::string& text, uint64_t* run_count) {
+    unsigned long long value = 0;
+    if (text.empty() || sscanf(text.c_str(), "%*d %*d %llu", &value) != 1) return false;
+    *run_count = value;
+    return value != 0 && value != UINT64_MAX;
+}
+
+// The cgroup v1 line of the freezer hierarchy: "4:freezer:/frozen".
+bool is_frozen(const std::string& cgroup) {
+    return cgroup.find(":freezer:/frozen") != std::string::npos;
+}
+
+void restart_stuck_time(proc* record) {
+    record->count = 0;
+    record->reported = false;
+}
+
+}  // namespace
+
+void read_stat(proc* record, const std::string& task_dir) {
+    if (record == nullptr) {
+        if (debug_gate) LOG_INFO("Null procRecord.");
+        return;
+    }
+
+    const std::string stat = read_proc_file(task_dir + "/stat");
+    if (stat.empty()) {
+        if (debug_gate) LOG_INFO("read stat failed");
+        return;
+    }
+    StatFields fields;
+    if (!parse_stat(stat, &fields)) {
+        if (debug_gate) LOG_INFO("stat match err.");
+        return;
+    }
+    record->set_comm(fields.name);
+    record->pid = fields.pid;
+    record->ppid = fields.ppid;
+
+    record->frozen = is_frozen(read_proc_file(task_dir + "/cgroup"));
+
+    const uint32_t cpu_time = fields.utime + fields.stime;
+    // A task that used the processor has left its old state, even if it is back in it.
+    if (record->cpu_time != cpu_time) record->state = '?';
+    record->cpu_time = cpu_time;
+    if (record->state != fields.state) {
+        restart_stuck_time(record);
+        record->state = fields.state;
+    } else {
+        record->count += Config::get().interval;
+    }
+
+    uint64_t run_count = 0;
+    if (parse_run_count(read_proc_file(task_dir + "/schedstat"), &run_count) &&
+        run_count != record->sched_count) {
+        record->sched_count = run_count;
+        restart_stuck_time(record);
+    }
+}
+
+std::string get_comm(const std::string& task_dir) {
+    std::string name = read_proc_file(task_dir + "/comm");
+    cut_at_separator(&name);
+    return name;
+}
+
+std::string get_proc_name(const std::string& pid) {
+    std::string name = read_proc_file("/proc/" + pid + "/cmdline");
+    cut_at_separator(&name);
+    return name;
+}
+
+bool get_valid_tid_dir(const dirent64* entry, std::string* path) {
+    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') return false;
+    if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) return false;
+    path->assign("/proc/").append(entry->d_name);
+    if (entry->d_type == DT_DIR) return true;
+    struct stat status;
+    return lstat(path->c_str(), &status) == 0 && (status.st_mode & S_IFDIR) != 0;
+}
+
+std::string read_proc_file(const std::string& path) {
+    std::string content;
+    if (!android::base::ReadFileToString(path, &content, false)) {
+        if (debug_gate) LOG_INFO("Read %s failed", path.c_str());
+        content.clear();
+    }
+    return content;
+}
+
+void cut_at_separator(std::string* text) {
+    constexpr std::string_view kSeparators(" \t\r\n\0", 5);
+    const size_t end = text->find_first_of(kSeparators);
+    if (end != std::string::npos) text->erase(end);
+}
+
+std::string program_base_name(const std::string& path) {
+    std::vector<std::string> pieces = string_split(path, "/");
+    return pieces.size() > 1 ? std::move(pieces.back()) : path;
+}
