@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+// Acts on a hung task by Config's policy. `report` is the line for the kernel log.
+//   panic    kernel log, SysRq "w" and "l", 3 s, SysRq "c"
+//   reboot   kernel log, reboot with the reason "tovrel"
+//   kill     SIGKILL to `pid`; nothing in the kernel log
+//   nothing  nothing
+// Normally does not return under the first two, because the device goes down. Failures are not
+// reported.
+void handle_policy(int pid, std::string& report);

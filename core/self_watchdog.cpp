@@ -1,0 +1,24 @@
+#include "core/self_watchdog.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include "core/log.h"
+#include "core/sysrq.h"
+
+void install_self_watchdog() {
+    signal(SIGALRM, alarm_handler);
+}
+
+void arm_self_watchdog(int64_t timeout) {
+    // timeout / 1000 would be the time-out in seconds.
+    alarm(static_cast<unsigned>(timeout / 500));
+}
+
+void alarm_handler(int /*signal*/) {
+    LOG_ERROR("Self stuck! restarting...");
+    do_sys_rq("w");
+    do_sys_rq("l");
+    usleep(3000000);
+    kill(getpid(), SIGKILL);
+}

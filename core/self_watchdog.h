@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+
+// The daemon's watch over itself: a turn of the scan loop that lasts too long ends the process, and
+// its supervisor starts it anew.
+
+// Installs alarm_handler() for SIGALRM.
+void install_self_watchdog();
+
+// Gives the turn that begins now twice the hang time-out (ms) to end. A time-out below 500 ms
+// switches the watchdog off.
+void arm_self_watchdog(int64_t timeout);
+
+// Has the kernel dump its blocked tasks and the backtraces of all processors, which show where the
+// daemon is stuck, and kills the daemon. A signal handler that never returns to the interrupted
+// code, so it may log and sleep.
+void alarm_handler(int signal);
