@@ -1,0 +1,193 @@
+#include "core/log.h"
+#include "modules/process/process_monitor.h"
+#include "proc/proc_readers.h"
+
+namespace {
+
+// A multi-threaded process whose main thread has exited lives on as a zombie with an empty command
+// line, under its old pid and parent.
+bool is_same_zombie(const process_info& process, const std::string& process_dir) {
+    proc sample;
+    read_stat(&sample, process_dir);
+    return sample.pid == static_cast<uint32_t>(process.pid) &&
+           sample.ppid == static_cast<uint32_t>(process.ppid) && sample.state == 'Z';
+}
+
+}  // namespace
+
+void process_info::unbind() {
+    started = false;
+    state = '?';
+    pid = -1;
+    ppid = -1;
+    for (auto& [name, thread] : threads) thread.clear_sample();
+}
+
+ProcessMonitor::ProcessMonitor(const ProcessList& process_list, int64_t interval, int64_t timeout)
+        : interval(interval), timeout(timeout) {
+    for (const auto& [name, thread_names] : process_list) {
+        process_info process;
+        process.main_only = thread_names.empty();
+        if (process.main_only) process.threads.try_emplace(name);
+        for (const std::string& thread_name : thread_names) process.threads.try_emplace(thread_name);
+        processes.emplace(name, std::move(process));
+    }
+}
+
+process_info* ProcessMonitor::proc_lookup(const char* name) {
+    const auto found = processes.find(name);
+    return found != processes.end() ? &found->second : nullptr;
+}
+
+void ProcessMonitor::dump() {
+    if (!debug) return;
+    for (const auto& [name, process] : processes) {
+        LOG_DEBUG("monitor process: %s", name.c_str());
+        for (const auto& [thread_name, thread] : process.threads) {
+            LOG_DEBUG("  thread: %s", thread_name.c_str());
+        }
+    }
+}
+
+bool ProcessMonitor::need_traverse() {
+    for (auto& [name, process] : processes) {
+        if (!refresh(name, &process)) return true;
+    }
+    return false;
+}
+
+// Samples a bound process from its recorded ids; false when it must be looked for.
+bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
+    if (!process->started) {
+        if (debug) LOG_INFO("process %s not found, traverse", name.c_str());
+        return false;
+    }
+
+    const std::string pid = std::to_string(process->pid);
+    const std::string process_dir = "/proc/" + pid;
+    const std::string program = get_proc_name(pid);
+    if (program.empty()) {
+        if (!is_same_zombie(*process, process_dir)) {
+            process->unbind();
+            return false;
+        }
+        read_stat(&process->first_thread(), process_dir);
+        return true;
+    }
+
+    const std::string current_name = program_base_name(program);
+    if (current_name != process->cmd_name) {
+        if (debug) LOG_INFO("pid %u changed %s", process->pid, current_name.c_str());
+        return false;
+    }
+    if (process->main_only) {
+        process->first_thread().alive = true;
+        read_stat(&process->first_thread(), process_dir + "/task/" + pid);
+        return true;
+    }
+    return refresh_threads(process);
+}
+
+bool ProcessMonitor::refresh_threads(process_info* process) {
+    for (auto& [name, thread] : process->threads) {
+        if (!thread.alive) return false;
+        const std::string thread_dir = "/proc/" + std::to_string(thread.tgid) + "/task/" +
+                                       std::to_string(thread.pid);
+        const std::string current_name = get_comm(thread_dir);
+        if (current_name != thread.comm) {
+            if (debug) LOG_ERROR("thread %s change to %s", thread.comm, current_name.c_str());
+            return false;
+        }
+        read_stat(&thread, thread_dir);
+        thread.alive = thread.pid != kUnknownId;
+    }
+    return true;
+}
+
+void ProcessMonitor::pre_check() {
+    for (auto& [name, process] : processes) process.started = false;
+}
+
+bool ProcessMonitor::check_process(std::string name, int pid, std::string path) {
+    if (name.empty()) {
+        check_unnamed_process(pid, path);
+        return false;
+    }
+    process_info* process = proc_lookup(name.c_str());
+    if (process == nullptr) return false;
+
+    process->cmd_name = name;
+    if (process->pid != pid) {
+        if (debug) LOG_INFO("process %s pid changed to %d.", process->cmd_name.c_str(), pid);
+        process->unbind();
+    }
+    process->pid = pid;
+    process->started = pid != -1;
+    if (!process->main_only) return true;
+
+    proc& thread = process->first_thread();
+    thread.alive = true;
+    thread.tgid = pid;
+    read_stat(&thread, path);
+    process->ppid = thread.ppid;
+    return false;
+}
+
+void ProcessMonitor::check_unnamed_process(int pid, const std::string& path) {
+    for (auto& [name, process] : processes) {
+        if (process.pid != pid) continue;
+        if (is_same_zombie(process, path)) {
+            process.started = true;
+            read_stat(&process.first_thread(), path);
+            process.first_thread().alive = true;
+        } else {
+            process.unbind();
+        }
+        return;
+    }
+}
+
+void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, int tid,
+                                  std::string path) {
+    process_info* process = proc_lookup(name.c_str());
+    if (process == nullptr) return;
+
+    if (process->main_only) {
+        if (tid != pid) return;
+        proc& thread = process->first_thread();
+        thread.alive = true;
+        thread.tgid = tid;
+        read_stat(&thread, path);
+        return;
+    }
+
+    const auto found = process->threads.find(comm);
+    if (found == process->threads.end()) return;
+    proc& thread = found->second;
+    if (thread.pid != static_cast<uint32_t>(tid)) {
+        if (debug) LOG_INFO("thread %s tid changed.", comm.c_str());
+        thread.clear_sample();
+    }
+    thread.tgid = process->pid;
+    read_stat(&thread, path);
+    thread.alive = thread.pid != kUnknownId;
+    process->ppid = thread.ppid;
+}
+
+void ProcessMonitor::post_check(std::string name, std::string path) {
+    process_info* process = proc_lookup(name.c_str());
+    if (process == nullptr) return;
+
+    for (auto& [thread_name, thread] : process->threads) {
+        if (thread.alive) continue;
+        thread.tgid = process->pid;
+        if (process->ppid == -1) {
+            proc sample;
+            read_stat(&sample, path);
+            process->ppid = sample.ppid;
+        }
+        thread.ppid = process->ppid;
+        thread.count += interval;
+        if (debug) LOG_INFO("thread %s not start", thread_name.c_str());
+    }
+}
