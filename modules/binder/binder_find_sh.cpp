@@ -1,0 +1,97 @@
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "core/log.h"
+#include "modules/binder/binder_monitor.h"
+#include "proc/proc_readers.h"
+#include "proc/string_split.h"
+
+namespace {
+
+// Columns of the platform's `ps -e -T`: user, pid, tid, parent pid, virtual size, resident size,
+// wait channel, address, state, name.
+enum Column { kUser, kPid, kTid, kPpid, kVsz, kRss, kWchan, kAddress, kState, kName, kColumns };
+
+constexpr int kLineSize = 1024;
+
+bool is_forked_by_zygote(int ppid) {
+    const std::string parent = get_proc_name(std::to_string(ppid));
+    return parent == "zygote" || parent == "zygote64";
+}
+
+}  // namespace
+
+void BinderMonitor::check_process_sh() {
+    const std::string command = listing_command();
+    pre_check();
+    FILE* listing = popen(command.c_str(), "r");
+    if (listing == nullptr) {
+        if (debug) LOG_ERROR("get binder cmd failed");
+        return;
+    }
+    char line[kLineSize] = {};
+    while (fgets(line, sizeof(line), listing) != nullptr) check_listed_thread(line);
+    if (pclose(listing) == -1 && debug) LOG_ERROR("close fail.");
+}
+
+// The user names of the monitored uids, in the order of the uids and one name each, become the
+// filter; without a name every user's binder threads are listed.
+std::string BinderMonitor::listing_command() const {
+    std::string names;
+    int name_count = 0;
+    for (const uint32_t monitored : monitor_uids) {
+        for (const auto& [name, uid] : uid_map) {
+            if (static_cast<uint32_t>(uid) != monitored) continue;
+            names += name_count == 0 ? name : "|" + name;
+            ++name_count;
+            break;
+        }
+    }
+    std::string command = "ps -e -T|grep Binder:";
+    if (name_count == 1) command += "|grep " + names;
+    if (name_count > 1) command += "|grep -E \"" + names + "\"";
+    return command;
+}
+
+void BinderMonitor::check_listed_thread(const char* line) {
+    std::vector<std::string> columns = string_split(line, " ");
+    if (columns.size() < kColumns) {
+        if (debug) LOG_INFO("[sh] read binder threads fail.");
+        return;
+    }
+    const auto user = uid_map.find(columns[kUser]);
+    const uint32_t uid = user != uid_map.end() ? static_cast<uint32_t>(user->second) : kUnknownUid;
+    const int pid = atoi(columns[kPid].c_str());
+    const int tid = atoi(columns[kTid].c_str());
+    const int ppid = atoi(columns[kPpid].c_str());
+    cut_at_separator(&columns[kName]);
+
+    const auto [entry, is_new] = binder_threads.try_emplace(tid);
+    proc& thread = entry->second;
+    if (is_new || thread.tgid != static_cast<uint32_t>(pid)) {
+        if (!is_new) {
+            if (debug) LOG_INFO("binder thread %u pid changed.", thread.tgid);
+            thread.clear_sample();
+        }
+        thread.tgid = pid;
+        thread.ppid = ppid;
+        thread.uid = uid;
+        thread.state = columns[kState].front();
+        thread.set_comm(columns[kName].c_str());
+        thread.zygote_child = is_forked_by_zygote(ppid);
+    }
+    thread.wchan = columns[kWchan];
+    thread.alive = true;
+    if (is_new) {
+        // Its first sample is taken by the next listing.
+        thread.pid = tid;
+        return;
+    }
+    if (is_monitor_state(thread.state, thread.wchan)) {
+        read_stat(&thread, "/proc/" + std::to_string(static_cast<int>(thread.tgid)) + "/task/" +
+                                   std::to_string(static_cast<int>(thread.pid)));
+    } else {
+        thread.count = 0;
+    }
+}
