@@ -1,0 +1,211 @@
+#include "core/config_file.h"
+
+#include <android-base/file.h>
+#include <cutils/properties.h>
+#include <json/json.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+
+#include "core/log.h"
+#include "modules/binder/binder_monitor.h"
+#include "modules/iowait/black_white_list.h"
+
+namespace {
+
+constexpr char kConfigFile[] = "/vendor/etc/tovrel.json";
+
+bool parse_config(const std::string& text, Json::Value* root) {
+    Json::Reader reader;
+    if (reader.parse(text, *root)) return true;
+    LOG_ERROR("config file failed:%s", reader.getFormattedErrorMessages().c_str());
+    return false;
+}
+
+// The object under `key`; the null value, after `error` was logged, when it is none.
+const Json::Value& get_section(const Json::Value& parent, const char* key, const char* error) {
+    if (parent.isObject() && parent[key].isObject()) return parent[key];
+    LOG_ERROR("%s", error);
+    return Json::Value::nullSingleton();
+}
+
+// An absent key and anything but an array count as an empty array.
+const Json::Value& get_array(const Json::Value& section, const char* key) {
+    const Json::Value& array = section[key];
+    return array.isArray() ? array : Json::Value::nullSingleton();
+}
+
+void insert_strings(const Json::Value& array, std::set<std::string>* names) {
+    for (const Json::Value& item : array) names->insert(item.asString());
+}
+
+int64_t seconds_to_ms(const Json::Value& seconds) {
+    return int64_t{seconds.asInt()} * 1000;
+}
+
+bool read_bool_property(const char* name, bool log) {
+    const bool value = property_get_bool(name, false);
+    if (log) LOG_INFO("get %s =%d", name, value);
+    return value;
+}
+
+bool read_switches(const Json::Value& root, Config* config) {
+    const Json::Value& section = get_section(root, "switches", "parse switches failed");
+    if (section.isNull()) return false;
+    config->enable = section["main"].asBool();
+    config->debug = section["debug"].asBool();
+    config->use_shell = section["use_shell"].asBool();
+    const bool log = config->debug;
+    config->enable |= read_bool_property("persist.vendor.hg.enable", log);
+    config->debug |= read_bool_property("persist.vendor.hg.debug", log);
+    return true;
+}
+
+int32_t policy_of(const std::string& word) {
+    if (word == "panic") return kPolicyPanic;
+    if (word == "reboot") return kPolicyReboot;
+    if (word == "kill") return kPolicyKill;
+    return kPolicyNothing;
+}
+
+void read_policy(const Json::Value& root, Config* config) {
+    config->policy = policy_of(root["policy"].asString());
+    if (!config->debug) return;
+    LOG_INFO("init enable=%d,debug=%d,shell=%d,policy=%d", config->enable, config->debug,
+             config->use_shell, config->policy);
+}
+
+bool read_scan(const Json::Value& root, Config* config) {
+    const Json::Value& section = get_section(root, "scan", "parse scan failed");
+    if (section.isNull()) return false;
+    config->timeout_min = seconds_to_ms(section["timeout_min_second"]);
+    config->timeout = std::max(seconds_to_ms(section["timeout_second"]), config->timeout_min);
+    config->interval_min = seconds_to_ms(section["interval_min_second"]);
+    config->log_timeout = seconds_to_ms(section["log_timeout_second"]);
+    config->round = std::max(section["round"].asInt(), 1);
+    config->interval = std::max(config->timeout / config->round, config->interval_min);
+    if (config->debug) {
+        LOG_INFO("scan(ms): timeout=%lld,interval=%lld,interval_min=%lld,log_timeout=%lld;round=%d",
+                 static_cast<long long>(config->timeout), static_cast<long long>(config->interval),
+                 static_cast<long long>(config->interval_min),
+                 static_cast<long long>(config->log_timeout), config->round);
+    }
+    return true;
+}
+
+bool read_monitor_process(const Json::Value& root, Config* config) {
+    const Json::Value& section =
+            get_section(root, "monitor_process", "parse monitor process failed");
+    if (section.isNull()) return false;
+    config->process_enable = section["enable"].asBool();
+    if (!config->process_enable) return true;
+    for (const Json::Value& item : get_array(section, "list")) {
+        // The first entry of a process wins; a later one is dropped with its threads.
+        const auto [entry, is_new] = config->process_list.try_emplace(item["process"].asString());
+        if (is_new) insert_strings(get_array(item, "thread"), &entry->second);
+    }
+    config->process_enable = !config->process_list.empty();
+    return true;
+}
+
+void build_binder_monitor(const Json::Value& section, Config* config) {
+    auto* monitor = new BinderMonitor;
+    config->binder_monitor = monitor;
+    for (const Json::Value& uid : get_array(section, "monitor_uids")) {
+        monitor->monitor_uids.insert(static_cast<uint32_t>(uid.asInt()));
+    }
+    for (const Json::Value& item : get_array(section, "uid_map")) {
+        monitor->uid_map.try_emplace(item["name"].asString(), item["value"].asInt());
+    }
+    insert_strings(get_array(section, "wchans"), &monitor->wchans);
+    monitor->enable = !monitor->monitor_uids.empty() || !monitor->wchans.empty();
+    monitor->debug = config->debug;
+    monitor->timeout = config->timeout;
+    monitor->dump();
+    config->binder_enable = monitor->enable;
+    config->modules.push_back(monitor);
+}
+
+bool read_monitor_binder(const Json::Value& root, Config* config) {
+    const Json::Value& section = get_section(root, "monitor_binder", "parse binder failed");
+    if (section.isNull()) return false;
+    config->binder_enable = section["enable"].asBool();
+    config->binder_enable |= read_bool_property("persist.vendor.hg.binder", config->debug);
+    if (config->binder_enable) build_binder_monitor(section, config);
+    return true;
+}
+
+// Chosen board platforms switch the daemon on where nothing else did; none switches it off.
+void enable_on_listed_platform(Config* config) {
+    if (config->enable) return;
+    const std::string platform = config->get_prop_string("ro.board.platform", "");
+    if (config->hw_list.count(platform) == 0) return;
+    if (config->debug) LOG_INFO("enable hw=%s", platform.c_str());
+    config->enable = true;
+}
+
+bool read_default_open_hw_list(const Json::Value& root, Config* config) {
+    const Json::Value& section = get_section(root, "default_open_hw_list", "parse hw list failed");
+    if (section.isNull()) return false;
+    config->hw_enable = section["enable"].asBool();
+    if (!config->hw_enable) return true;
+    insert_strings(get_array(section, "list"), &config->hw_list);
+    config->hw_enable = !config->hw_list.empty();
+    if (config->hw_enable) enable_on_listed_platform(config);
+    if (config->debug) {
+        LOG_INFO("default open hw enable=%d size=%lu", config->hw_enable, config->hw_list.size());
+    }
+    return true;
+}
+
+void build_black_white_list(const Json::Value& section, Config* config) {
+    auto* module = new BlackWhiteList;
+    config->black_white_list = module;
+    insert_strings(section["list"], &module->list);
+    config->bw_mode = section["mode"].asString() == "white" ? kWhiteList : kBlackList;
+    module->enable = config->bw_enable;
+    module->debug = config->debug;
+    module->mode = config->bw_mode;
+    module->io_time = section["max_iowait_timeout_cnt"].asInt();
+    module->io_task = section["max_iowait_task_cnt"].asInt();
+    module->dump();
+    module->init(module->mode, module->debug, module->io_time, module->io_task);
+    config->modules.push_back(module);
+}
+
+bool read_black_white_list(const Json::Value& root, Config* config) {
+    const Json::Value& section =
+            get_section(root, "black_white_list", "parse black white list failed");
+    if (section.isNull()) return false;
+    config->bw_enable = section["enable"].asBool();
+    // The switch stays on without a list, and alone keeps the daemon scanning.
+    if (config->bw_enable && !get_array(section, "list").empty()) {
+        build_black_white_list(section, config);
+    }
+    return true;
+}
+
+// Reads the sections in their order; false when one of them ends the reading.
+bool read_sections(const Json::Value& root, Config* config) {
+    if (!read_switches(root, config)) return false;
+    read_policy(root, config);
+    return read_scan(root, config) && read_monitor_process(root, config) &&
+           read_monitor_binder(root, config) && read_default_open_hw_list(root, config) &&
+           read_black_white_list(root, config);
+}
+
+}  // namespace
+
+void read_config_file(Config* config) {
+    std::string text;
+    if (!android::base::ReadFileToString(kConfigFile, &text, false)) {
+        LOG_ERROR("read config file failed");
+        config->init_second_stage();
+        return;
+    }
+    Json::Value document;
+    if (!parse_config(text, &document)) return;
+    const Json::Value& root = get_section(document, "Config", "parse config failed");
+    if (!root.isNull() && read_sections(root, config)) config->init_second_stage();
+}
