@@ -148,9 +148,7 @@ void enable_on_listed_platform(Config* config) {
 bool read_default_open_hw_list(const Json::Value& root, Config* config) {
     const Json::Value& section = get_section(root, "default_open_hw_list", "parse hw list failed");
     if (section.isNull()) return false;
-    config->hw_enable = section["enable"].asBool();
-    if (!config->hw_enable) return true;
-    insert_strings(get_array(section, "list"), &config->hw_list);
+    if (section["enable"].asBool()) insert_strings(get_array(section, "list"), &config->hw_list);
     config->hw_enable = !config->hw_list.empty();
     if (config->hw_enable) enable_on_listed_platform(config);
     if (config->debug) {

@@ -11,7 +11,7 @@ DirInfo::~DirInfo() {
 
 bool DirInfo::open(const char* path) {
     close();
-    fd = ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    fd = TEMP_FAILURE_RETRY(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return is_open();
 }
 

@@ -13,13 +13,14 @@ class DirInfo {
     DirInfo(const DirInfo&) = delete;
     DirInfo& operator=(const DirInfo&) = delete;
 
-    // Opens the directory, after closing one that is open. False when that fails.
+    // Opens the directory, after closing one that is open. False when that fails. Interrupted opens
+    // and reads are repeated.
     bool open(const char* path);
 
     bool is_open() const { return fd != -1; }
 
     // The next entry, valid until the call after it; null at the end of the directory and on a read
-    // error. An interrupted read is repeated.
+    // error.
     const dirent64* next();
 
     // Goes back to the first entry.

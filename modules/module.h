@@ -9,8 +9,6 @@
 // scan_process() ends the scan in both modes.
 class Module {
   public:
-    virtual ~Module() = default;
-
     // Whether this scan needs the /proc walk.
     virtual bool need_traverse() = 0;
 
@@ -39,6 +37,8 @@ class Module {
     // "/proc/<pid>/task/<tid>".
     virtual void check_thread(std::string /*name*/, int /*pid*/, std::string /*comm*/, int /*tid*/,
                               std::string /*path*/) {}
+
+    virtual ~Module() = default;
 
     bool enable = false;  // whether the module takes part in the scans
     bool debug = false;   // whether the module writes its gated log lines
