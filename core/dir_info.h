@@ -33,7 +33,7 @@ class DirInfo {
     bool fill();
 
     int32_t fd = -1;
-    int64_t bytes_left = 0;            // in the buffer, from `current` on
+    int64_t bytes_left = 0;             // in the buffer, from `current` on
     const dirent64* current = nullptr;  // within the buffer
     alignas(dirent64) char buffer[4200] = {};
 };

@@ -7,6 +7,6 @@
 //   reboot   kernel log, reboot with the reason "tovrel"
 //   kill     SIGKILL to `pid`; nothing in the kernel log
 //   nothing  nothing
-// Normally does not return under the first two, because the device goes down. Failures are not
-// reported.
+// Normally does not return under the first two, because the device goes down. An act that fails
+// does not keep back the ones after it.
 void handle_policy(int pid, std::string& report);

@@ -58,12 +58,12 @@ class Config : public Module {
     bool bw_enable = false;
     int32_t policy = kPolicyNothing;
     int32_t bw_mode = kBlackList;
-    int64_t timeout = 0;       // hang time-out
-    int64_t timeout_min = 0;   // lower bound of `timeout`
-    int64_t interval = 0;      // between two scans
-    int64_t interval_min = 0;  // lower bound of `interval`
-    int64_t log_timeout = 0;   // a scan that costs more is logged
-    int32_t round = 0;         // scans per time-out
+    int64_t timeout = 0;            // hang time-out
+    int64_t timeout_min = 0;        // lower bound of `timeout`
+    int64_t interval = 0;           // between two scans
+    int64_t interval_min = 0;       // lower bound of `interval`
+    int64_t log_timeout = 0;        // a scan that costs more is logged
+    int32_t round = 0;              // scans per time-out
     std::set<std::string> hw_list;  // board platforms on which the daemon is on by default
     ProcessList process_list;
 

@@ -12,7 +12,7 @@ void exec_command(const char* command, char* output) {
         if (debug_gate) LOG_INFO("[sh] %s failed", command);
         return;
     }
-    fread(output, 1, kCommandOutputSize, stream);
+    [[maybe_unused]] const size_t length = fread(output, 1, kCommandOutputSize, stream);
     output[kCommandOutputSize - 1] = '\0';
     pclose(stream);
 }

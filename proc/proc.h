@@ -11,8 +11,8 @@ constexpr uint32_t kUnknownId = 0xFFFFFFFF;
 // Stands for a uid that could not be found out. It counts as monitored only where 20000 itself is.
 constexpr uint32_t kUnknownUid = 20000;
 
-// Whether the scheduler state alone makes a task that stands still a suspect: uninterruptible sleep,
-// stopped, or zombie.
+// Whether the scheduler state alone makes a task that stands still a suspect: uninterruptible
+// sleep, stopped, or zombie.
 constexpr bool is_blocked_state(char state) {
     return state == 'D' || state == 'T' || state == 'Z';
 }

@@ -28,9 +28,8 @@ struct StatFields {
 // state, parent, nine fields passed over, utime, stime. The name ends at its first ')': a task that
 // has one inside its name is not sampled.
 bool parse_stat(const std::string& text, StatFields* fields) {
-    return sscanf(text.c_str(),
-                  "%u (%16[^)]) %c %u %*d %*d %*d %*d %*d %*d %*d %*d %*d %u %u", &fields->pid,
-                  fields->name, &fields->state, &fields->ppid, &fields->utime,
+    return sscanf(text.c_str(), "%u (%16[^)]) %c %u %*d %*d %*d %*d %*d %*d %*d %*d %*d %u %u",
+                  &fields->pid, fields->name, &fields->state, &fields->ppid, &fields->utime,
                   &fields->stime) == 6;
 }
 

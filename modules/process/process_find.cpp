@@ -29,7 +29,7 @@ ProcessMonitor::ProcessMonitor(const ProcessList& process_list, int64_t interval
         process_info process;
         process.main_only = thread_names.empty();
         if (process.main_only) process.threads.try_emplace(name);
-        for (const std::string& thread_name : thread_names) process.threads.try_emplace(thread_name);
+        for (const std::string& thread : thread_names) process.threads.try_emplace(thread);
         processes.emplace(name, std::move(process));
     }
 }
@@ -91,8 +91,8 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
 bool ProcessMonitor::refresh_threads(process_info* process) {
     for (auto& [name, thread] : process->threads) {
         if (!thread.alive) return false;
-        const std::string thread_dir = "/proc/" + std::to_string(thread.tgid) + "/task/" +
-                                       std::to_string(thread.pid);
+        const std::string thread_dir =
+                "/proc/" + std::to_string(thread.tgid) + "/task/" + std::to_string(thread.pid);
         const std::string current_name = get_comm(thread_dir);
         if (current_name != thread.comm) {
             if (debug) LOG_ERROR("thread %s change to %s", thread.comm, current_name.c_str());

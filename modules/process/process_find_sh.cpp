@@ -1,3 +1,4 @@
+#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
@@ -23,6 +24,9 @@ enum ThreadColumn {
     kThreadName = 9
 };
 constexpr size_t kThreadColumnsMin = 9;
+
+// A longer command is cut.
+constexpr size_t kCommandSize = 1024;
 
 // The start of a command's output, cut at blanks only: a line feed stays within its piece.
 std::vector<std::string> run_and_split(const std::string& command) {
@@ -80,7 +84,7 @@ bool ProcessMonitor::bind_process_sh(const std::string& name, process_info* proc
             if (process->started) {
                 process->cmd_name = piece_at(pieces, kName);
                 const std::string parent = get_proc_name(std::to_string(process->ppid));
-                process->zygote_child = parent == "zygote" || parent == "zygote64";
+                if (parent == "zygote" || parent == "zygote64") process->zygote_child = true;
             }
         }
         process->state = state_at(pieces, kState);
@@ -107,8 +111,9 @@ void ProcessMonitor::check_main_thread_sh(process_info* process) {
 
 // Binds the thread to the tid that is listed under its name, or unbinds it.
 void ProcessMonitor::bind_thread_sh(const std::string& name, int pid, proc* thread) {
-    const std::vector<std::string> pieces =
-            run_and_split("ps -T -p " + std::to_string(pid) + " |grep " + name);
+    char command[kCommandSize];
+    snprintf(command, sizeof(command), "ps -T -p %u |grep %s", pid, name.c_str());
+    const std::vector<std::string> pieces = run_and_split(command);
     if (pieces.size() < kThreadColumnsMin) {
         thread->pid = kUnknownId;
         if (thread->alive) thread->clear_sample();

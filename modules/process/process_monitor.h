@@ -22,7 +22,8 @@ struct process_info {
     // watched as a whole has exactly one entry, under the process name: its main thread.
     std::unordered_map<std::string, proc> threads;
 
-    // The only entry of a `main_only` process; it also stands in for a main thread that is a zombie.
+    // The only entry of a `main_only` process; it also stands in for a main thread that is a
+    // zombie.
     proc& first_thread() { return threads.begin()->second; }
 
     // Ends the binding to a live process and forgets every thread's sample.
