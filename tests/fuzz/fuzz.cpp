@@ -1,0 +1,89 @@
+// The fuzz targets, a program for each BEGINNING. What the daemon reads is that and the input: pieces
+// NAME:TEXT with '~' between them, where NAME is a file's or the first 8 characters of a command. The
+// texts of a name take turns. Nothing reaches the system.
+
+#include <android-base/file.h>
+#include <errno.h>
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+
+#include "core/config_file.h"
+#include "core/log.h"
+#include "modules/binder/binder_monitor.h"
+#include "modules/iowait/black_white_list.h"
+#include "modules/process/process_monitor.h"
+#include "proc/proc_readers.h"
+
+#define TASKS(use_shell) R"(tovrel.json:{"Config":{"policy":"panic","default_open_hw_list":{},
+    "switches":{"main":true,"debug":true,"use_shell":)" use_shell R"(},
+    "scan":{"timeout_second":2,"round":2},"black_white_list":{"enable":true,"list":["daemon"]},
+    "monitor_process":{"enable":true,"list":[
+        {"process":"app","thread":["watchdog","worker"]},{"process":"daemon"}]},
+    "monitor_binder":{"enable":true,"monitor_uids":[1000],"wchans":["binder_wait"],
+        "uid_map":[{"name":"system","value":1000}]}}}~)"
+
+std::map<std::string, std::vector<std::string>> texts;
+
+std::string* next_text(const std::string& name) {
+    std::vector<std::string>& turns = texts[name];
+    if (turns.empty()) return nullptr;
+    std::rotate(turns.begin(), turns.begin() + 1, turns.end());
+    return &turns.back();
+}
+
+bool android::base::ReadFileToString(const std::string& path, std::string* content, bool) {
+    const std::string* text = next_text(path.substr(path.rfind('/') + 1));
+    if (text != nullptr) *content = *text;
+    return text != nullptr;
+}
+
+// clang-format off
+extern "C" {
+int open(const char*, int, ...) { return errno = EACCES, -1; }
+int kill(pid_t, int) noexcept { return 0; }
+int usleep(useconds_t) { return 0; }
+int pclose(FILE* stream) { return fclose(stream); }
+FILE* popen(const char* command, const char*) {
+    std::string* text = next_text({command, strnlen(command, 8)});
+    return text == nullptr ? nullptr : fmemopen(text->data(), text->size(), "r");
+}
+}
+// clang-format on
+
+void walk(Config& config) {
+    for (Module* module : config.modules) module->need_traverse();
+    config.pre_check();
+    for (const int pid : {1200, 1300}) {  // share a thread id, as if it was used again
+        const std::string name = program_base_name(get_proc_name("")), comm = get_comm("");
+        if (config.check_process(name, pid, "")) config.check_thread(name, pid, comm, 1201, "");
+        config.post_check(name, "");
+    }
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const char* data, size_t size) {
+    __android_log_set_logger([](const __android_log_message*) {});  // formatted, but not written
+    debug_gate = true;
+    std::istringstream pieces(BEGINNING + std::string(data, size));
+    std::string name, text;
+    while (getline(getline(pieces, name, ':'), text, '~')) texts[name].push_back(text);
+    Config& config = Config::get();
+    try {
+        read_config_file(&config);
+        for (Module* module : config.modules) module->enable = true;  // also the I/O-wait list
+        for (int scans = 4; scans > 0; --scans) {  // enough to report a task that stands still
+            config.use_shell ? config.check_process_sh() : walk(config);
+            config.scan_process(config.use_shell ? std::set<int>() : std::set<int>{1});
+        }
+    } catch (const std::exception&) {  // Debian's jsoncpp; the platform's ends the process
+    }
+    delete std::exchange(config.binder_monitor, nullptr);
+    delete std::exchange(config.black_white_list, nullptr);
+    delete std::exchange(config.process_monitor, nullptr);
+    config.modules.clear();
+    config.hw_list.clear();
+    config.process_list.clear();
+    texts.clear();
+    return 0;
+}

@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include "modules/config.h"
+#include "world.h"
+
+TEST(Iowait, TakesIdsWhileItsWorkerWritesToASlowFile) {
+    std::string story =
+            "100..119 app S; @1 201 app S; @2 202 app S; @3 203 app S;"
+            "conf black_white_list={\"enable\":true,\"list\":[\"app\"]}; turns 5";
+    World world(story);
+    // More names than processes: every scan walks.
+    for (int i = 0; i < 23; ++i) world.config["black_white_list"]["list"].append(std::to_string(i));
+    std::set<std::string> ids;
+    world.on_event = [&](const std::string& event) {
+        if (event.rfind("per_task", 0) != 0) return;
+        char thread[16];
+        pthread_getname_np(pthread_self(), thread, sizeof(thread));
+        poll(nullptr, 0, 1);
+        ids.insert(event);
+        if (ids.size() == 23) record("done " + std::string(thread));
+    };
+    EXPECT_EQ(world.run("done"), "@3 done workThread");
+}
+
+TEST(Binder, CostsOneSampleAndOneWaitChannelPerScan) {
+    World world(
+            "conf monitor_binder={\"enable\":true,\"monitor_uids\":[9]}; 100 app S;"
+            "100/101 Binder:1_1 S; 100/102 Binder:x S uid=1; @3 -100/101; @4 -100/102; turns 7");
+    std::vector<int64_t> calls;
+    world.on_turn = [&] {
+        calls.push_back(world.calls);
+        if (calls.size() != 6) return;
+        // A file costs three calls: open, read, read at its end.
+        record("tracked " + std::to_string((calls[3] - calls[2] - calls[4] + calls[3]) / 3.0));
+        record("foreign " + std::to_string((calls[4] - calls[3] - calls[5] + calls[4]) / 3.0));
+    };
+    // comm, stat, cgroup, schedstat, wchan; comm, status.
+    EXPECT_EQ(world.run("tracked|foreign"), "@5 tracked 5.000000, foreign 2.000000");
+}
+
+TEST(Config, AsksTheModulesInOrder) {
+    struct Probe : Module {
+        Probe(const char* name, bool enabled) : name(name) { enable = enabled; }
+        void note(const std::string& call) { record(name + (" " + call)); }
+        bool need_traverse() override { return note("need"), traverse; }
+        bool check_process(std::string, int, std::string) override { return note("p"), traverse; }
+        void scan_process(std::set<int> pids) override {
+            note("scan " + std::to_string(pids.size()));
+        }
+        void check_process_sh() override { note("sh"); }
+        void dump() override { note("dump"); }
+        void pre_check() override { note("pre"); }
+        const char* name;
+        bool traverse = false;
+    };
+    EXPECT_EQ(World().run(
+                      "",
+                      [] {
+                          Config& config = Config::get();
+                          Probe a("a", true), off("off", false), b("b", true), c("c", true);
+                          b.traverse = true;
+                          config.modules = {&a, nullptr, &off, &b, &c};
+                          record(config.need_traverse() && config.check_process("", 1, "") ? "yes"
+                                                                                           : "no");
+                          config.modules = {&off, &a};
+                          record(config.need_traverse() || config.check_process("", 1, "") ? "yes"
+                                                                                           : "no");
+                          config.dump();
+                          config.pre_check();
+                          config.check_process_sh();
+                          config.scan_process({3, 4});
+                          config.post_check("", "");
+                          config.check_thread("", 1, "", 1, "");
+                      }),
+              "@0 a need, b need, a p, b p, c p, yes, a need, a p, no, a dump, a pre, a sh, a scan "
+              "2");
+}

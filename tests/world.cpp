@@ -1,0 +1,437 @@
+#include "world.h"
+
+#include <android/log.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+int tovrel_main();
+
+// The C library's own definition of one of the functions defined below.
+#define REAL(function)                                                                \
+    ([] {                                                                             \
+        static const auto real =                                                      \
+                reinterpret_cast<decltype(&::function)>(dlsym(RTLD_NEXT, #function)); \
+        return real;                                                                  \
+    }())
+
+namespace {
+
+struct OpenFile {
+    std::string path;
+    std::vector<std::string> entries;  // of a directory: still to be read, each behind its type
+};
+
+World* world;  // set in the forked child only
+int event_file;
+int64_t start_ms;
+std::atomic<int> queued;  // ids that the worker thread has not written yet
+sighandler_t signal_handler;
+std::map<int, OpenFile> open_files;
+std::recursive_mutex world_mutex;
+
+std::pair<std::string, std::string> cut(const std::string& text, const std::string& at) {
+    const size_t end = std::min(text.find(at), text.size());
+    return {text.substr(0, end), text.substr(std::min(end + at.size(), text.size()))};
+}
+
+[[noreturn]] void end_run() {
+    for (const auto& [fd, file] : open_files) {
+        if (file.path != "/proc/") record("leaked " + file.path);  // may wait for the first walk
+    }
+    _exit(0);
+}
+
+// Whether a call is to fail now; errno is set then.
+bool fails(const std::string& call) {
+    errno = ++world->calls == world->failing_call ? world->failing_errno : 0;
+    const auto failure = world->failures.find(call);
+    if (failure != world->failures.end()) {
+        errno = abs(failure->second);
+        if (failure->second < 0) world->failures.erase(failure);
+    }
+    return errno != 0;
+}
+
+bool is_played(const std::string& path) {
+    return world != nullptr && path.rfind("/proc/self/", 0) != 0 &&
+           (path.rfind("/proc/", 0) == 0 || path.rfind("/vendor/", 0) == 0 || path == "/dev/kmsg");
+}
+
+bool exists_below(const std::string& directory) {
+    const auto file = world->files.lower_bound(directory);
+    return file != world->files.end() && file->first.rfind(directory, 0) == 0;
+}
+
+int data_file(const std::string& content) {
+    const int fd = memfd_create("played", MFD_CLOEXEC);
+    must(REAL(write)(fd, content.data(), content.size()) >= 0);
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+int open_played(const std::string& path, int flags) {
+    const std::lock_guard lock(world_mutex);
+    if (path.find("/cmdline") != std::string::npos) world->now_ms += world->cost_ms;
+    if (fails("open " + path)) return -1;
+    must(flags & O_CLOEXEC);
+    const bool is_directory = (flags & O_DIRECTORY) != 0;
+    if (is_directory ? !exists_below(path) : world->files.count(path) == 0) {
+        errno = ENOENT;
+        return -1;
+    }
+    const bool is_read = !is_directory && (flags & O_ACCMODE) == O_RDONLY;
+    const int fd = data_file(is_read ? world->files[path] : "");
+    OpenFile& file = open_files[fd] = {path, {"4.", "4.."}};
+    if (!is_directory) return fd;
+    for (auto below = world->files.lower_bound(path);
+         below != world->files.end() && below->first.rfind(path, 0) == 0; ++below) {
+        const std::string name = below->first.substr(path.size());
+        // A type of 0 leaves it to the daemon to find out.
+        const bool untyped = world->files.count("untyped " + cut(name, "/").first) != 0;
+        const char type = untyped ? '0' : name.find('/') != std::string::npos ? '4' : '8';
+        const std::string entry = type + cut(name, "/").first;
+        if (entry.size() > 1 && file.entries.back() != entry) file.entries.push_back(entry);
+    }
+    return fd;
+}
+
+long getdents_played(int fd, char* buffer, size_t size) {
+    OpenFile& directory = open_files[fd];
+    if (fails("getdents " + directory.path)) return -1;
+    size_t used = 0;
+    auto entry = directory.entries.begin();
+    for (; entry != directory.entries.end(); ++entry) {
+        const size_t length = (offsetof(dirent64, d_name) + entry->size() + 7) & ~size_t{7};
+        if (used + length > size) break;
+        auto* record = reinterpret_cast<dirent64*>(buffer + used);
+        record->d_reclen = length;
+        record->d_type = (*entry)[0] - '0';
+        strcpy(record->d_name, entry->c_str() + 1);
+        used += length;
+    }
+    directory.entries.erase(directory.entries.begin(), entry);
+    return static_cast<long>(used);
+}
+
+void put_task(const std::string& ids, std::istringstream& words) {
+    const auto [pid, thread] = cut(ids, "/");
+    const std::string tid = thread.empty() ? pid : thread;
+    std::string comm, state, word;
+    words >> comm >> state;
+    std::map<std::string, std::string> keys = {{"cmd", comm},  {"ppid", "1"}, {"ticks", "7"},
+                                               {"runs", "5"},  {"uid", "9"},  {"wchan", "0"},
+                                               {"cgroup", "/"}};
+    while (words >> word) keys[cut(word, "=").first] = cut(word, "=").second;
+    const std::string process = "/proc/" + pid;
+    for (const std::string& directory : {process + "/task/" + tid, process}) {
+        if (directory == process && tid != pid) break;
+        auto& files = world->files;
+        files[directory + "/stat"] = tid + " (" + comm + ") " + state + " " + keys["ppid"] +
+                                     " 1 1 0 -1 4194560 9 8 7 6 " + keys["ticks"] + " 1 0 0 20\n";
+        files[directory + "/cgroup"] = "4:freezer:" + keys["cgroup"] + "\n";
+        files[directory + "/schedstat"] = "900 80 " + keys["runs"] + "\n";
+        files[directory + "/comm"] = comm + "\n";
+        files[directory + "/wchan"] = keys["wchan"];
+        files[directory + "/status"] = "Name:\tx\nUid:\t" + keys["uid"] + "\t0\t0\t0\n";
+        if (directory == process) files[directory + "/cmdline"] = keys["cmd"];
+    }
+}
+
+void take_step(const std::string& step) {
+    std::istringstream words(step);
+    std::string verb;
+    words >> verb >> std::ws;
+    const std::string rest = step.substr(std::min(step.size(), verb.size() + 1));
+    const auto [key, value] = cut(rest, verb == "sh" ? "=>" : "=");
+    const auto [first, last] = cut(verb, "..");
+    if (!last.empty()) {
+        for (int pid = std::stoi(first); pid <= std::stoi(last); ++pid) {
+            take_step(std::to_string(pid) + " " + rest);
+        }
+    } else if (isdigit(verb[0])) {
+        put_task(verb, words);
+    } else if (verb[0] == '-') {
+        const auto [pid, tid] = cut(verb.substr(1), "/");
+        const std::string directory = "/proc/" + pid + (tid.empty() ? "/" : "/task/" + tid + "/");
+        auto& files = world->files;
+        files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
+    } else if (verb == "file") {
+        world->files[key] = value;
+    } else if (verb == "unlink") {
+        world->files.erase(rest);
+    } else if (verb == "conf") {
+        must(Json::Reader().parse(value, world->config[key]));
+    } else if (verb == "prop") {
+        world->properties[key] = value;
+    } else if (verb == "sh") {
+        world->commands[key] = value;
+    } else if (verb == "fail") {
+        world->failures[key] = std::stoi(value);
+    } else if (verb == "late" || verb == "cost") {
+        (verb == "late" ? world->late_ms : world->cost_ms) = std::stoi(rest);
+    } else if (verb == "until") {
+        world->until_ms = std::stoi(rest) * 1000;
+    } else if (verb == "turns") {
+        world->turns = std::stoi(rest);
+    } else {
+        must(false);
+    }
+}
+
+// Joins the watched ones of the recorded "TIME\x1ftext\x1e".
+std::string list_events(const std::string& recorded, const std::string& watch) {
+    const std::regex watched("^(" + watch + ")");
+    std::string list, last_time;
+    std::istringstream events(recorded);
+    for (std::string event; std::getline(events, event, '\x1e');) {
+        const auto [time, text] = cut(event, "\x1f");
+        if (!std::regex_search(text, watched)) continue;
+        list += time == last_time ? ", " : (list.empty() ? "@" : " @") + time + " ";
+        list += std::regex_replace(text, std::regex("\n"), "\\n");
+        last_time = time;
+    }
+    return list;
+}
+
+}  // namespace
+
+World::World(const std::string& story) {
+    for (const char* path : {"/dev/kmsg", "/proc/sysrq-trigger", "/proc/version"}) files[path] = "";
+    for (const char* name : {"global_detect_mode", "max_iowait_timeout_cnt", "max_iowait_task_cnt",
+                             "per_task_detect_mode"}) {
+        files[std::string("/proc/sys/hung_task_enh/") + name] = "";
+    }
+    // A scan each second; a dump after 4 s of standing still, a report after 4 more.
+    apply("conf switches={\"main\":true,\"debug\":true}; conf policy=\"reboot\";"
+          "conf scan={\"timeout_second\":8,\"round\":8,\"interval_min_second\":1,"
+          "\"log_timeout_second\":99}; conf monitor_process={}; conf monitor_binder={};"
+          "conf default_open_hw_list={}; conf black_white_list={};" +
+          story);
+}
+
+void World::apply(const std::string& story) {
+    World* const outer = std::exchange(world, this);
+    std::istringstream steps(story);
+    for (std::string step; std::getline(steps, step, ';');) {
+        step.erase(0, step.find_first_not_of(' '));
+        if (step[0] == '@') {
+            const auto [time, later] = cut(step.substr(1), " ");
+            pending.emplace(std::stoi(time) * 1000, later);
+        } else if (!step.empty()) {
+            take_step(step);
+        }
+    }
+    world = outer;
+}
+
+std::string World::run(const std::string& watch, const std::function<void()>& body) {
+    Json::Value document;
+    document["Config"] = config;
+    files.emplace("/vendor/etc/tovrel.json", document.toStyledString());
+    std::string lines = "# comment=1\n";
+    for (const auto& [name, value] : properties) lines += name + "=" + value + "\n";
+    const int property_file = data_file(lines), events = data_file("");
+    setenv("TOVREL_PROPERTIES", ("/proc/self/fd/" + std::to_string(property_file)).c_str(), 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        event_file = events;
+        start_ms = now_ms;
+        world = this;
+        body ? body() : static_cast<void>(tovrel_main());
+        end_run();
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    lseek(events, 0, SEEK_SET);
+    std::string recorded(lseek(events, 0, SEEK_END), '\0');
+    must(pread(events, recorded.data(), recorded.size(), 0) == ssize_t(recorded.size()));
+    close(property_file);
+    close(events);
+    return list_events(recorded, watch) + (status == 0 ? "" : " died " + std::to_string(status));
+}
+
+void record(const std::string& event) {
+    const std::lock_guard lock(world_mutex);
+    if (world->on_event) world->on_event(event);
+    // What the worker thread of the I/O-wait list still has to do with its file.
+    constexpr char kPerTask[] = "/proc/sys/hung_task_enh/per_task_detect_mode";
+    if (event.rfind("I add_pids", 0) == 0) ++queued;
+    if (event.rfind("per_task", 0) == 0 ||
+        (event[0] == 'E' && event.find(kPerTask) < event.size())) {
+        --queued;
+    }
+    std::ostringstream line;
+    line << (world->now_ms - start_ms) / 1000.0 << '\x1f' << event << '\x1e';
+    must(REAL(write)(event_file, line.str().data(), line.str().size()) > 0);
+}
+
+void interrupt(int number) {
+    signal_handler(number);
+}
+
+void must(bool holds) {
+    if (!holds) abort();
+}
+
+// The calls through which the daemon and the libraries under it reach the system. Outside of a run
+// they are the real ones.
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = va_arg(arguments, int);
+    va_end(arguments);
+    return is_played(path) ? open_played(path, flags) : REAL(open)(path, flags, mode);
+}
+int open64(const char* path, int flags, ...) __attribute__((alias("open")));
+
+int close(int fd) {
+    const std::lock_guard lock(world_mutex);
+    open_files.erase(fd);
+    return REAL(close)(fd);
+}
+
+ssize_t read(int fd, void* data, size_t size) {
+    const std::lock_guard lock(world_mutex);
+    const auto file = open_files.find(fd);
+    if (file != open_files.end() && fails("read " + file->second.path)) return -1;
+    return REAL(read)(fd, data, size);
+}
+
+ssize_t write(int fd, const void* data, size_t size) {
+    const std::lock_guard lock(world_mutex);
+    const auto file = open_files.find(fd);
+    if (file == open_files.end()) return REAL(write)(fd, data, size);
+    const std::string& path = file->second.path;
+    if (fails("write " + path)) return -1;
+    std::string text(static_cast<const char*>(data), size);
+    std::replace(text.begin(), text.end(), '\0', '.');
+    record(path.substr(path.rfind('/') + 1) + " " + text);
+    return static_cast<ssize_t>(size);
+}
+
+long syscall(long number, ...) {
+    long a[6];
+    va_list arguments;
+    va_start(arguments, number);
+    for (long& argument : a) argument = va_arg(arguments, long);
+    va_end(arguments);
+    if (world != nullptr && number == SYS_getdents64) {
+        return getdents_played(static_cast<int>(a[0]), reinterpret_cast<char*>(a[1]), a[2]);
+    }
+    return REAL(syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+    if (!is_played(path)) return REAL(lstat)(path, status);
+    status->st_mode = exists_below(std::string(path) + "/") ? S_IFDIR : S_IFREG;
+    return fails(std::string("lstat ") + path) ? -1 : 0;
+}
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    if (world == nullptr) return REAL(clock_gettime)(clock, time);
+    must(clock == CLOCK_MONOTONIC_COARSE);
+    *time = {world->now_ms / 1000, world->now_ms % 1000 * 1000000};
+    return 0;
+}
+
+int usleep(useconds_t us) {
+    while (queued > 0) std::this_thread::yield();
+    record("usleep " + std::to_string(us));
+    world->now_ms += us / 1000 + world->late_ms;
+    return 0;
+}
+
+// The top of every turn of the scan loop.
+unsigned alarm(unsigned seconds) noexcept {
+    const int64_t now = world->now_ms - start_ms;
+    if (world->turns-- == 0 || now > world->until_ms) end_run();
+    record("alarm " + std::to_string(seconds));
+    auto& pending = world->pending;
+    for (; !pending.empty() && pending.begin()->first <= now; pending.erase(pending.begin())) {
+        take_step(pending.begin()->second);
+    }
+    if (world->on_turn) world->on_turn();
+    return 0;
+}
+
+int pause() {
+    static bool again = false;
+    record("pause");
+    if (std::exchange(again, true)) end_run();
+    return -1;
+}
+
+int kill(pid_t pid, int number) noexcept {
+    record("kill " + (pid == getpid() ? "self" : std::to_string(pid)) + " " +
+           std::to_string(number));
+    if (pid == getpid()) end_run();
+    return 0;
+}
+
+int prctl(int option, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, option);
+    record("prctl " + std::to_string(option) + " " + std::to_string(va_arg(arguments, int)));
+    va_end(arguments);
+    return 0;
+}
+
+int sched_setscheduler(pid_t pid, int policy, const sched_param* param) noexcept {
+    record("sched_setscheduler " + std::to_string(pid) + " " + std::to_string(policy) + " " +
+           std::to_string(param->sched_priority));
+    return 0;
+}
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+    record("signal " + std::to_string(number));
+    return std::exchange(signal_handler, handler);
+}
+
+FILE* popen(const char* command, const char* mode) {
+    record("popen " + std::string(mode) + " " + command);
+    if (fails(std::string("popen ") + command)) return nullptr;
+    return fdopen(data_file(world->commands[command]), mode);
+}
+
+int pclose(FILE* stream) {
+    fclose(stream);
+    return fails("pclose") ? -1 : 0;
+}
+
+int android_reboot(unsigned command, int flags, const char* reason) {
+    std::ostringstream text;
+    text << "reboot " << std::hex << command << " " << flags << " " << reason;
+    record(text.str());
+    return -1;
+}
+
+int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    must(strcmp(tag, "tovrel") == 0);
+    record(std::string(1, "..VDIWEF"[priority]) + " " + text);
+    return 1;
+}
+}
