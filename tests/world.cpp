@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <regex.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/mman.h>
@@ -16,7 +17,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -197,16 +197,18 @@ void take_step(const std::string& step) {
 
 // Joins the watched ones of the recorded "TIME\x1ftext\x1e".
 std::string list_events(const std::string& recorded, const std::string& watch) {
-    const std::regex watched("^(" + watch + ")");
+    regex_t watched;
+    must(regcomp(&watched, ("^(" + watch + ")").c_str(), REG_EXTENDED | REG_NOSUB) == 0);
     std::string list, last_time;
     std::istringstream events(recorded);
     for (std::string event; std::getline(events, event, '\x1e');) {
         const auto [time, text] = cut(event, "\x1f");
-        if (!std::regex_search(text, watched)) continue;
+        if (regexec(&watched, text.c_str(), 0, nullptr, 0) != 0) continue;
         list += time == last_time ? ", " : (list.empty() ? "@" : " @") + time + " ";
-        list += std::regex_replace(text, std::regex("\n"), "\\n");
+        for (const char c : text) list += c == '\n' ? std::string("\\n") : std::string(1, c);
         last_time = time;
     }
+    regfree(&watched);
     return list;
 }
 
