@@ -132,6 +132,6 @@ void cut_at_separator(std::string* text) {
 }
 
 std::string program_base_name(const std::string& path) {
-    std::vector<std::string> pieces = string_split(path, "/");
-    return pieces.size() > 1 ? std::move(pieces.back()) : path;
+    const std::vector<std::string> pieces = string_split(path, "/");
+    return pieces.size() > 1 ? pieces.back() : path;
 }

@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
@@ -80,4 +81,32 @@ TEST(Config, AsksTheModulesInOrder) {
                       }),
               "@0 a need, b need, a p, b p, c p, yes, a need, a p, no, a dump, a pre, a sh, a scan "
               "2");
+}
+
+// One healthy and one stuck task for each detector that judges; every call of the daemon's life
+// fails once, in every way.
+TEST(Faults, NeitherStopTheDaemonNorAccuseAHealthyTask) {
+    const std::string story =
+            "conf monitor_process={\"enable\":true,\"list\":[{\"process\":\"app\"},{\"process\":\"ok\","
+            "\"thread\":[\"t\"]}]}; conf monitor_binder={\"enable\":true,\"monitor_uids\":[9]};"
+            "conf black_white_list={\"enable\":true,\"list\":[\"app\"]}; 30 zygote S; turns 7;"
+            "100 app D; 100/101 Binder:1 D; 200 ok S; 200/201 t S; 200/202 Binder:2 S";
+    int64_t all_calls = 0;
+    for (const int error : {EINTR, EIO, ENOENT, EMFILE}) {
+        int64_t call = 0;
+        do {
+            World world(story);
+            world.failing_call = ++call;
+            world.failing_errno = error;
+            world.on_turn = [&world, turn = 0]() mutable {
+                if (++turn == 7) record("calls " + std::to_string(world.calls));
+            };
+            const std::string events = world.run("kill|kmsg|leaked|calls");
+            const size_t calls = events.find("calls ");
+            if (calls != std::string::npos) all_calls = std::stoi(events.substr(calls + 6));
+            EXPECT_EQ(events.find("200") & events.find("leaked") & events.find("died"),
+                      std::string::npos) << call << " " << error << ": " << events;
+        } while (call < all_calls);
+    }
+    EXPECT_GT(all_calls, 100);
 }

@@ -52,14 +52,22 @@ std::pair<std::string, std::string> cut(const std::string& text, const std::stri
 }
 
 [[noreturn]] void end_run() {
-    for (const auto& [fd, file] : open_files) {
-        if (file.path != "/proc/") record("leaked " + file.path);  // may wait for the first walk
-    }
+    const auto leaked = [] {
+        const std::lock_guard lock(world_mutex);
+        for (const auto& [fd, file] : open_files) {
+            if (file.path != "/proc/") return file.path;  // that one may wait for the first walk
+        }
+        return std::string();
+    };
+    // The worker thread may be about to close its file.
+    for (int i = 0; i < 1000 && !leaked().empty(); ++i) std::this_thread::yield();
+    if (!leaked().empty()) record("leaked " + leaked());
     _exit(0);
 }
 
 // Whether a call is to fail now; errno is set then.
 bool fails(const std::string& call) {
+    const std::lock_guard lock(world_mutex);
     errno = ++world->calls == world->failing_call ? world->failing_errno : 0;
     const auto failure = world->failures.find(call);
     if (failure != world->failures.end()) {
@@ -279,6 +287,7 @@ void record(const std::string& event) {
         (event[0] == 'E' && event.find(kPerTask) < event.size())) {
         --queued;
     }
+    if (!world->recording) return;
     std::ostringstream line;
     line << (world->now_ms - start_ms) / 1000.0 << '\x1f' << event << '\x1e';
     must(REAL(write)(event_file, line.str().data(), line.str().size()) > 0);
@@ -286,6 +295,10 @@ void record(const std::string& event) {
 
 void interrupt(int number) {
     signal_handler(number);
+}
+
+size_t open_file_count() {
+    return open_files.size();
 }
 
 void must(bool holds) {

@@ -47,11 +47,14 @@ class World {
     // Calls that can fail, counted from 1; number `failing_call` fails with `failing_errno`.
     int64_t calls = 0, failing_call = 0;
     int failing_errno = 0;
+    bool recording = true;  // false keeps no events, for long runs
 };
 
 // Inside a run: adds an event; calls the handler that the daemon installed for a signal.
 void record(const std::string& event);
 void interrupt(int number);
+// Inside a run: how many files the daemon has open.
+size_t open_file_count();
 
 // Ends a run, and its test with it, unless `holds`.
 void must(bool holds);

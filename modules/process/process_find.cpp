@@ -129,7 +129,7 @@ bool ProcessMonitor::check_process(std::string name, int pid, std::string path) 
     thread.alive = true;
     thread.tgid = pid;
     read_stat(&thread, path);
-    process->ppid = thread.ppid;
+    process->ppid = static_cast<int32_t>(thread.ppid);
     return false;
 }
 
@@ -171,7 +171,7 @@ void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, i
     thread.tgid = process->pid;
     read_stat(&thread, path);
     thread.alive = thread.pid != kUnknownId;
-    process->ppid = thread.ppid;
+    process->ppid = static_cast<int32_t>(thread.ppid);
 }
 
 void ProcessMonitor::post_check(std::string name, std::string path) {
@@ -184,7 +184,7 @@ void ProcessMonitor::post_check(std::string name, std::string path) {
         if (process->ppid == -1) {
             proc sample;
             read_stat(&sample, path);
-            process->ppid = sample.ppid;
+            process->ppid = static_cast<int32_t>(sample.ppid);
         }
         thread.ppid = process->ppid;
         thread.count += interval;
