@@ -62,15 +62,8 @@ bool read_switches(const Json::Value& root, Config* config) {
     return true;
 }
 
-int32_t policy_of(const std::string& word) {
-    if (word == "panic") return kPolicyPanic;
-    if (word == "reboot") return kPolicyReboot;
-    if (word == "kill") return kPolicyKill;
-    return kPolicyNothing;
-}
-
 void read_policy(const Json::Value& root, Config* config) {
-    config->policy = policy_of(root["policy"].asString());
+    config->policy = policy_of(root["policy"].asString()).value_or(kPolicyNothing);
     if (!config->debug) return;
     LOG_INFO("init enable=%d,debug=%d,shell=%d,policy=%d", config->enable, config->debug,
              config->use_shell, config->policy);

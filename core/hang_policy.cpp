@@ -11,9 +11,6 @@
 
 namespace {
 
-// For the dumps to reach the log before the crash.
-constexpr useconds_t kDumpTime = 3000000;
-
 void panic(std::string& report) {
     write_kmsg(report);
     do_sys_rq("w");

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "core/dir_info.h"
 #include "core/log.h"
@@ -52,7 +53,7 @@ void check_process_entry(const dirent64* entry, std::set<int>* zygote_pids) {
     if (!get_valid_tid_dir(entry, &process_dir)) return;
     const int pid = atoi(entry->d_name);
     const std::string name = program_base_name(get_proc_name(entry->d_name));
-    if (name == "zygote" || name == "zygote64") zygote_pids->insert(pid);
+    if (is_zygote(name)) zygote_pids->insert(pid);
 
     Config& config = Config::get();
     if (config.check_process(name, pid, process_dir) &&

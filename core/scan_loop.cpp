@@ -18,7 +18,7 @@ std::set<int> zygote_pids;  // met by the last walk
 
 timespec last_scan_time;  // start of the last scan
 
-// A tick of resolution is enough, and the coarse clock needs no system call.
+// A tick of resolution is enough, and the coarse clock does not read the hardware's counter.
 timespec coarse_now() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -39,8 +39,9 @@ void scan() {
     config.scan_process(zygote_pids);
 }
 
-// How long to wait after a scan that started `late` and took `cost` (ms): the rest of the interval,
-// so that scans keep their schedule, but `interval_min` once they have slipped.
+// How long to wait after a scan that started `late` and took `cost` (ms): what is left of the
+// interval, so that scans keep their schedule. Once that slips, because the lateness leaves less
+// than `interval_min` or nothing is left at all, `interval_min`.
 int64_t wait_after_scan(int64_t interval, int64_t interval_min, int64_t cost, int64_t late) {
     if (interval < std::max(cost + late, interval_min + late)) return interval_min;
     return interval - (cost + late);
@@ -71,6 +72,7 @@ void run_scan_loop() {
     for (;;) {
         arm_self_watchdog(Config::get().timeout);
         const auto sleep_ms = static_cast<uint32_t>(take_turn());
+        // Wraps beyond 71 minutes; the loop then turns early and sleeps again.
         usleep(sleep_ms * 1000);
     }
 }

@@ -11,7 +11,7 @@ void install_self_watchdog() {
 }
 
 void arm_self_watchdog(int64_t timeout) {
-    // timeout / 1000 would be the time-out in seconds.
+    // Twice the time-out, in whole seconds.
     alarm(static_cast<unsigned>(timeout / 500));
 }
 
@@ -19,6 +19,6 @@ void alarm_handler(int /*signal*/) {
     LOG_ERROR("Self stuck! restarting...");
     do_sys_rq("w");
     do_sys_rq("l");
-    usleep(3000000);
+    usleep(kDumpTime);
     kill(getpid(), SIGKILL);
 }

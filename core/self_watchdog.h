@@ -13,6 +13,6 @@ void install_self_watchdog();
 void arm_self_watchdog(int64_t timeout);
 
 // Has the kernel dump its blocked tasks and the backtraces of all processors, which show where the
-// daemon is stuck, and kills the daemon. A signal handler that never returns to the interrupted
-// code, so it may log and sleep.
+// daemon is stuck, and kills the daemon. A signal handler that logs, opens files and sleeps, since
+// it never returns to the interrupted code; where that holds a lock of the log, the kill is missed.
 void alarm_handler(int signal);

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
+// For the dumps that were asked for to reach the log before anything else happens.
+constexpr useconds_t kDumpTime = 3000000;
+
 // Hands one command to the kernel's magic SysRq: "w" dumps the blocked tasks, "l" the backtraces of
 // all active processors, "c" crashes the kernel. Works whatever kernel.sysrq allows, but needs
 // CONFIG_MAGIC_SYSRQ. When the trigger cannot be opened that is logged and the command skipped; a

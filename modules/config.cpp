@@ -1,5 +1,12 @@
 #include "modules/config.h"
 
+std::optional<Policy> policy_of(const std::string& word) {
+    if (word == "panic") return kPolicyPanic;
+    if (word == "reboot") return kPolicyReboot;
+    if (word == "kill") return kPolicyKill;
+    return std::nullopt;
+}
+
 namespace {
 
 bool takes_part(const Module* module) {

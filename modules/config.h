@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -15,6 +16,9 @@ class ProcessMonitor;
 // What to do with a hung task.
 enum Policy : int32_t { kPolicyKill = 0, kPolicyReboot = 1, kPolicyPanic = 2, kPolicyNothing = 3 };
 
+// The policy that a word of the settings selects; nothing for any but "kill", "reboot", "panic".
+std::optional<Policy> policy_of(const std::string& word);
+
 // Mode of the I/O-wait list.
 enum ListMode : int32_t { kWhiteList = 0, kBlackList = 1 };
 
@@ -23,7 +27,8 @@ using ProcessList = std::unordered_map<std::string, std::set<std::string>>;
 
 // The settings of the daemon, and the composite through which the scan loop reaches the detectors:
 // every operation of Module goes to each enabled entry of `modules`, in order, with copies of the
-// arguments. Durations are milliseconds.
+// arguments. Of the inherited fields, `enable` is the master switch and `debug` the daemon's.
+// Durations are milliseconds.
 class Config : public Module {
   public:
     // The only instance.
@@ -68,7 +73,8 @@ class Config : public Module {
     ProcessList process_list;
 
     // The detectors live until the process ends and are not owned: a pointer is null while its
-    // detector has not been built, and `modules` refers to the same objects in call order.
+    // detector has not been built, and `modules` refers to the same objects in call order: binder
+    // detector, I/O-wait list, process detector.
     ProcessMonitor* process_monitor = nullptr;
     BlackWhiteList* black_white_list = nullptr;
     BinderMonitor* binder_monitor = nullptr;

@@ -10,7 +10,6 @@ namespace {
 constexpr int kManagedDumpSignal = SIGQUIT;
 // The platform reserves the real-time signals from 32 on; 35 is its debugger signal.
 constexpr int kNativeDumpSignal = 35;
-constexpr useconds_t kDumpTime = 3000000;
 
 }  // namespace
 

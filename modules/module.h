@@ -9,7 +9,8 @@
 // scan_process() ends the scan in both modes.
 class Module {
   public:
-    // Whether this scan needs the /proc walk.
+    // Whether this scan needs the /proc walk. A detector that can do without it samples its known
+    // tasks here, up to the first that must be looked for.
     virtual bool need_traverse() = 0;
 
     // One live process: its name (empty when its command line is), its id and its directory

@@ -1,7 +1,6 @@
 #include <cutils/properties.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "core/log.h"
 #include "modules/config.h"
@@ -35,15 +34,9 @@ void Config::apply_timeout_property() {
 void Config::apply_policy_property() {
     const std::string word = get_prop_string("persist.vendor.hg.policy", "");
     if (word.empty()) return;
-    if (word == "panic") {
-        policy = kPolicyPanic;
-    } else if (word == "reboot") {
-        policy = kPolicyReboot;
-    } else if (word == "kill") {
-        policy = kPolicyKill;
-    } else if (debug) {
-        LOG_ERROR("persist.vendor.hg.policy format error");
-    }
+    const std::optional<Policy> selected = policy_of(word);
+    if (!selected && debug) LOG_ERROR("persist.vendor.hg.policy format error");
+    policy = selected.value_or(static_cast<Policy>(policy));
 }
 
 // "system_server surfaceflinger:RenderEngine": processes, each with the threads to watch.

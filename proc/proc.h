@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <string>
 
@@ -18,7 +16,8 @@ constexpr bool is_blocked_state(char state) {
 }
 
 // One sampled task: a process or one of its threads. read_stat() keeps the fields marked [s]; the
-// detector that holds the record owns the others.
+// detector that holds the record owns the others, and sets `count` to 0 when it acts on the task or
+// finds it in no condition to be judged.
 struct proc {
     uint32_t pid = kUnknownId;   // [s] task id: the thread id for /proc/<pid>/task/<tid>
     uint32_t tgid = kUnknownId;  // process that owns the task
@@ -26,11 +25,11 @@ struct proc {
     uint32_t uid = kUnknownUid;  // real user id, where the detector asks for it
     uint64_t sched_count = 0;    // [s] times run on a processor, from schedstat; 0 until read
     uint32_t cpu_time = 0;       // [s] utime + stime in clock ticks, wraps at 32 bits
-    int64_t count = 0;           // [s] stuck time in ms: how long the task has made no progress
+    int64_t count = 0;           // [s] stuck time in ms: no progress since the last stage
     char state = '?';            // [s] one-letter scheduler state, '?' while unknown
     char comm[16] = {};          // [s] task name, 15 characters at most
-    bool alive = false;          // met in the current scan
-    bool reported = false;       // dumped for the current hang; read_stat() clears it on progress
+    bool alive = false;          // met, by the rules of its detector
+    bool reported = false;       // [s] dumped for the current hang; cleared by progress
     bool frozen = false;         // [s] in the frozen group of the cgroup v1 freezer
     bool zygote_child = false;   // forked by a zygote
     std::string wchan;           // kernel wait channel, where the detector asks for it

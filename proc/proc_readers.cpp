@@ -3,8 +3,9 @@
 #include <android-base/file.h>
 #include <sys/stat.h>
 
-#include <cinttypes>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -60,7 +61,7 @@ void read_stat(proc* record, const std::string& task_dir) {
         return;
     }
 
-    const std::string stat = read_proc_file(task_dir + "/stat");
+    const std::string stat = read_task_file(task_dir, "/stat");
     if (stat.empty()) {
         if (debug_gate) LOG_INFO("read stat failed");
         return;
@@ -74,7 +75,7 @@ void read_stat(proc* record, const std::string& task_dir) {
     record->pid = fields.pid;
     record->ppid = fields.ppid;
 
-    record->frozen = is_frozen(read_proc_file(task_dir + "/cgroup"));
+    record->frozen = is_frozen(read_task_file(task_dir, "/cgroup"));
 
     const uint32_t cpu_time = fields.utime + fields.stime;
     // A task that used the processor has left its old state, even if it is back in it.
@@ -88,7 +89,7 @@ void read_stat(proc* record, const std::string& task_dir) {
     }
 
     uint64_t run_count = 0;
-    if (parse_run_count(read_proc_file(task_dir + "/schedstat"), &run_count) &&
+    if (parse_run_count(read_task_file(task_dir, "/schedstat"), &run_count) &&
         run_count != record->sched_count) {
         record->sched_count = run_count;
         restart_stuck_time(record);
@@ -96,13 +97,13 @@ void read_stat(proc* record, const std::string& task_dir) {
 }
 
 std::string get_comm(const std::string& task_dir) {
-    std::string name = read_proc_file(task_dir + "/comm");
+    std::string name = read_task_file(task_dir, "/comm");
     cut_at_separator(&name);
     return name;
 }
 
 std::string get_proc_name(const std::string& pid) {
-    std::string name = read_proc_file("/proc/" + pid + "/cmdline");
+    std::string name = read_task_file("/proc/" + pid, "/cmdline");
     cut_at_separator(&name);
     return name;
 }
@@ -116,7 +117,10 @@ bool get_valid_tid_dir(const dirent64* entry, std::string* path) {
     return lstat(path->c_str(), &status) == 0 && (status.st_mode & S_IFDIR) != 0;
 }
 
-std::string read_proc_file(const std::string& path) {
+std::string read_task_file(const std::string& task_dir, const char* name) {
+    std::string path;
+    path.reserve(task_dir.size() + strlen(name));
+    path.append(task_dir).append(name);
     std::string content;
     if (!android::base::ReadFileToString(path, &content, false)) {
         if (debug_gate) LOG_INFO("Read %s failed", path.c_str());
@@ -131,7 +135,12 @@ void cut_at_separator(std::string* text) {
     if (end != std::string::npos) text->erase(end);
 }
 
+bool is_zygote(const std::string& process_name) {
+    return process_name == "zygote" || process_name == "zygote64";
+}
+
 std::string program_base_name(const std::string& path) {
+    if (path.find('/') == std::string::npos) return path;
     const std::vector<std::string> pieces = string_split(path, "/");
     return pieces.size() > 1 ? pieces.back() : path;
 }

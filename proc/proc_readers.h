@@ -28,11 +28,15 @@ std::string get_proc_name(const std::string& pid);
 // thread too, since the kernel resolves /proc/<tid>. Otherwise `path` may be left untouched.
 bool get_valid_tid_dir(const dirent64* entry, std::string* path);
 
-// Reads a whole file, symbolic links not followed; empty text when that fails.
-std::string read_proc_file(const std::string& path);
+// Reads the whole file `name`, such as "/stat", of a task directory, symbolic links not followed;
+// empty text when that fails.
+std::string read_task_file(const std::string& task_dir, const char* name);
 
 // Erases everything from the first blank, tab, carriage return, line feed or NUL on.
 void cut_at_separator(std::string* text);
+
+// Whether a process of this name forks the managed processes.
+bool is_zygote(const std::string& process_name);
 
 // The last "/"-separated piece of a program's path. A name without two pieces, such as "/init" or
 // "init", is returned as it stands.

@@ -6,27 +6,36 @@
 #include <atomic>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "modules/config.h"
+#include "modules/iowait/black_white_list.h"
 #include "world.h"
 
 TEST(Iowait, TakesIdsWhileItsWorkerWritesToASlowFile) {
-    std::string story =
-            "100..119 app S; @1 201 app S; @2 202 app S; @3 203 app S;"
-            "conf black_white_list={\"enable\":true,\"list\":[\"app\"]}; turns 5";
-    World world(story);
-    // More names than processes: every scan walks.
-    for (int i = 0; i < 23; ++i) world.config["black_white_list"]["list"].append(std::to_string(i));
-    std::set<std::string> ids;
+    World world;
+    std::set<std::string> written;
+    std::atomic<bool> done = false;
     world.on_event = [&](const std::string& event) {
-        if (event.rfind("per_task", 0) != 0) return;
         char thread[16];
         pthread_getname_np(pthread_self(), thread, sizeof(thread));
+        if (event.rfind("per_task", 0) != 0 || !written.insert(thread + event).second) return;
         poll(nullptr, 0, 1);
-        ids.insert(event);
-        if (ids.size() == 23) record("done " + std::string(thread));
+        done = written.size() == 60 && written.begin()->rfind("workThreadper_task", 0) == 0;
     };
-    EXPECT_EQ(world.run("done"), "@3 done workThread");
+    EXPECT_EQ(world.run("per_task_detect_mode 159",
+                        [&done] {
+                            auto* iowait = new BlackWhiteList;
+                            iowait->list = {"app"};
+                            iowait->init(1, false, 0, 0);
+                            for (int pid = 100; pid < 160; ++pid) {
+                                iowait->check_process("app", pid, "");
+                                if (pid % 20 == 19) iowait->scan_process({});
+                                iowait->check_process("app", pid, "");
+                            }
+                            while (!done) std::this_thread::yield();
+                        }),
+              "@0 per_task_detect_mode 159 1");
 }
 
 TEST(Binder, CostsOneSampleAndOneWaitChannelPerScan) {
@@ -87,7 +96,8 @@ TEST(Config, AsksTheModulesInOrder) {
 // fails once, in every way.
 TEST(Faults, NeitherStopTheDaemonNorAccuseAHealthyTask) {
     const std::string story =
-            "conf monitor_process={\"enable\":true,\"list\":[{\"process\":\"app\"},{\"process\":\"ok\","
+            "conf "
+            "monitor_process={\"enable\":true,\"list\":[{\"process\":\"app\"},{\"process\":\"ok\","
             "\"thread\":[\"t\"]}]}; conf monitor_binder={\"enable\":true,\"monitor_uids\":[9]};"
             "conf black_white_list={\"enable\":true,\"list\":[\"app\"]}; 30 zygote S; turns 7;"
             "100 app D; 100/101 Binder:1 D; 200 ok S; 200/201 t S; 200/202 Binder:2 S";
@@ -105,7 +115,8 @@ TEST(Faults, NeitherStopTheDaemonNorAccuseAHealthyTask) {
             const size_t calls = events.find("calls ");
             if (calls != std::string::npos) all_calls = std::stoi(events.substr(calls + 6));
             EXPECT_EQ(events.find("200") & events.find("leaked") & events.find("died"),
-                      std::string::npos) << call << " " << error << ": " << events;
+                      std::string::npos)
+                    << call << " " << error << ": " << events;
         } while (call < all_calls);
     }
     EXPECT_GT(all_calls, 100);

@@ -16,11 +16,12 @@
 
 int main(int argc, char** argv) {
     must(argc > 1);
-    World world("conf switches={\"main\":true}; conf default_open_hw_list={};"
-                "conf monitor_process={\"enable\":true,\"list\":[{\"process\":\"app\"},"
-                "{\"process\":\"srv\",\"thread\":[\"t\"]}]};"
-                "conf monitor_binder={\"enable\":true,\"monitor_uids\":[9],\"wchans\":[\"w\"]};"
-                "conf black_white_list={\"enable\":true,\"list\":[\"app\",\"srv\"]}; 30 zygote S");
+    World world(
+            "conf switches={\"main\":true}; conf default_open_hw_list={};"
+            "conf monitor_process={\"enable\":true,\"list\":[{\"process\":\"app\"},"
+            "{\"process\":\"srv\",\"thread\":[\"t\"]}]};"
+            "conf monitor_binder={\"enable\":true,\"monitor_uids\":[9],\"wchans\":[\"w\"]};"
+            "conf black_white_list={\"enable\":true,\"list\":[\"app\",\"srv\"]}; 30 zygote S");
     world.turns = atoll(argv[1]);
     world.until_ms = INT64_MAX;
     world.recording = false;

@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <regex.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -15,11 +16,15 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <sstream>
 #include <thread>
 #include <utility>
+#include <vector>
 
 int tovrel_main();
 
@@ -60,7 +65,7 @@ std::pair<std::string, std::string> cut(const std::string& text, const std::stri
         return std::string();
     };
     // The worker thread may be about to close its file.
-    for (int i = 0; i < 1000 && !leaked().empty(); ++i) std::this_thread::yield();
+    for (int i = 0; i < 5000 && !leaked().empty(); ++i) poll(nullptr, 0, 1);
     if (!leaked().empty()) record("leaked " + leaked());
     _exit(0);
 }
@@ -121,6 +126,7 @@ int open_played(const std::string& path, int flags) {
 }
 
 long getdents_played(int fd, char* buffer, size_t size) {
+    const std::lock_guard lock(world_mutex);
     OpenFile& directory = open_files[fd];
     if (fails("getdents " + directory.path)) return -1;
     size_t used = 0;
@@ -237,7 +243,8 @@ World::World(const std::string& story) {
 }
 
 void World::apply(const std::string& story) {
-    World* const outer = std::exchange(world, this);
+    World* const outer = world;
+    if (outer != this) world = this;
     std::istringstream steps(story);
     for (std::string step; std::getline(steps, step, ';');) {
         step.erase(0, step.find_first_not_of(' '));
@@ -248,7 +255,7 @@ void World::apply(const std::string& story) {
             take_step(step);
         }
     }
-    world = outer;
+    if (outer != this) world = outer;
 }
 
 std::string World::run(const std::string& watch, const std::function<void()>& body) {
@@ -370,6 +377,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 
 int usleep(useconds_t us) {
     while (queued > 0) std::this_thread::yield();
+    const std::lock_guard lock(world_mutex);
     record("usleep " + std::to_string(us));
     world->now_ms += us / 1000 + world->late_ms;
     return 0;
@@ -379,6 +387,7 @@ int usleep(useconds_t us) {
 unsigned alarm(unsigned seconds) noexcept {
     const int64_t now = world->now_ms - start_ms;
     if (world->turns-- == 0 || now > world->until_ms) end_run();
+    const std::lock_guard lock(world_mutex);
     record("alarm " + std::to_string(seconds));
     auto& pending = world->pending;
     for (; !pending.empty() && pending.begin()->first <= now; pending.erase(pending.begin())) {

@@ -23,7 +23,7 @@
 //   prop NAME=VALUE                      a system property
 //   sh COMMAND=>OUTPUT                   what a shell command prints
 //   fail CALL=ERRNO                      every "CALL", such as "open /dev/kmsg", fails; just the
-//                                        next one when ERRNO is negative; none from 0 on
+//                                        next one when ERRNO is negative; "=0" ends that
 //   late MS, cost MS                     what a sleep, and a look at a command line, takes too long
 //   until SECONDS, turns N               when a run ends
 // Events are listed as "@SECONDS event, event @SECONDS event": log lines as "D|I|E text", files

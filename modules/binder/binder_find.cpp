@@ -1,4 +1,3 @@
-#include <cctype>
 #include <cstdlib>
 
 #include "core/log.h"
@@ -56,7 +55,7 @@ void BinderMonitor::check_thread(std::string /*name*/, int pid, std::string comm
         found->second.clear_sample();
     }
 
-    const uint32_t uid = parse_real_uid(read_proc_file(path + "/status"));
+    const uint32_t uid = parse_real_uid(read_task_file(path, "/status"));
     if (monitor_uids.count(uid) == 0) {
         if (!tracked) return;
         if (debug) LOG_INFO("binder thread %u removed because of uid invalid.", tid);
@@ -76,7 +75,7 @@ bool BinderMonitor::is_monitor_state(char state, const std::string& wchan) const
 }
 
 std::string BinderMonitor::get_wchan(const std::string& task_dir) {
-    std::string wchan = read_proc_file(task_dir + "/wchan");
+    std::string wchan = read_task_file(task_dir, "/wchan");
     cut_at_separator(&wchan);
     return wchan;
 }

@@ -15,11 +15,6 @@ enum Column { kUser, kPid, kTid, kPpid, kVsz, kRss, kWchan, kAddress, kState, kN
 
 constexpr int kLineSize = 1024;
 
-bool is_forked_by_zygote(int ppid) {
-    const std::string parent = get_proc_name(std::to_string(ppid));
-    return parent == "zygote" || parent == "zygote64";
-}
-
 }  // namespace
 
 void BinderMonitor::check_process_sh() {
@@ -79,7 +74,7 @@ void BinderMonitor::check_listed_thread(const char* line) {
         thread.uid = uid;
         thread.state = columns[kState].front();
         thread.set_comm(columns[kName].c_str());
-        thread.zygote_child = is_forked_by_zygote(ppid);
+        thread.zygote_child = is_zygote(get_proc_name(std::to_string(ppid)));
     }
     thread.wchan = columns[kWchan];
     thread.alive = true;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <set>
 #include <string>
@@ -21,7 +22,7 @@ struct ListInfo {
 // judges their I/O waits. Processes are found by every walk (iowait_find.cpp, in shell mode
 // iowait_find_sh.cpp); what goes to the kernel's files under "/proc/sys/hung_task_enh/" is in
 // iowait_kernel.cpp. The operations of Module run on the scan loop's thread; ids are written by a
-// worker thread, so that a slow file does not hold up the scan.
+// worker thread. A slow file holds up only a scan that has an id to queue meanwhile.
 class BlackWhiteList : public Module {
   public:
     // Writes the kernel's global settings and starts the worker thread: `mode` to
@@ -36,8 +37,9 @@ class BlackWhiteList : public Module {
     // Tracks the process when it is listed; by its comm where its name is empty. Never asks for the
     // threads.
     bool check_process(std::string name, int pid, std::string path) override;
-    // Queues the pending ids for the worker and drops the processes that were not confirmed. An id
-    // stays pending, and is queued again, until its process is next confirmed.
+    // Queues the pending ids for the worker and drops the processes that were not confirmed; in
+    // shell mode none is dropped. An id stays pending, and is queued again, until its process is
+    // next confirmed.
     void scan_process(std::set<int> zygote_pids) override;
     void check_process_sh() override;
     void dump() override;

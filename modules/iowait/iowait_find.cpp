@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "core/log.h"
 #include "modules/iowait/black_white_list.h"
 #include "proc/proc_readers.h"

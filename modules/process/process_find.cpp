@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "core/log.h"
 #include "modules/process/process_monitor.h"
 #include "proc/proc_readers.h"
@@ -153,6 +155,7 @@ void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, i
     if (process == nullptr) return;
 
     if (process->main_only) {
+        // A second sample of this scan: another detector asked for the threads.
         if (tid != pid) return;
         proc& thread = process->first_thread();
         thread.alive = true;

@@ -83,8 +83,9 @@ bool ProcessMonitor::bind_process_sh(const std::string& name, process_info* proc
             process->started = pid != -1;
             if (process->started) {
                 process->cmd_name = piece_at(pieces, kName);
-                const std::string parent = get_proc_name(std::to_string(process->ppid));
-                if (parent == "zygote" || parent == "zygote64") process->zygote_child = true;
+                if (is_zygote(get_proc_name(std::to_string(process->ppid)))) {
+                    process->zygote_child = true;
+                }
             }
         }
         process->state = state_at(pieces, kState);

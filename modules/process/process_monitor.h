@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <unordered_map>
 
@@ -12,7 +13,7 @@
 struct process_info {
     bool started = false;       // seen alive in the current scan
     bool main_only = false;     // watched as a whole, through its main thread
-    bool zygote_child = false;  // its parent is a zygote
+    bool zygote_child = false;  // its parent is a zygote; in shell mode also if one was
     int32_t pid = -1;           // live process, -1 while unbound
     int32_t ppid = -1;
     char state = '?';      // scheduler state, kept in shell mode only
@@ -50,7 +51,8 @@ class ProcessMonitor : public Module {
     void check_process_sh() override;
     void dump() override;
     void pre_check() override;
-    // A watched thread that the walk did not meet gains one interval of stuck time.
+    // A watched thread that no walk has met since the process was bound gains one interval of stuck
+    // time. One that was met and ends keeps its last sample.
     void post_check(std::string name, std::string path) override;
     void check_thread(std::string name, int pid, std::string comm, int tid,
                       std::string path) override;
