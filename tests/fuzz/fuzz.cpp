@@ -1,9 +1,10 @@
-// The fuzz targets, a program for each BEGINNING. What the daemon reads is that and the input: pieces
-// NAME:TEXT with '~' between them, where NAME is a file's or the first 8 characters of a command. The
-// texts of a name take turns. Nothing reaches the system.
+// The fuzz targets, a program for each BEGINNING. What the daemon reads is that and the input:
+// pieces NAME:TEXT with '~' between them, NAME the end of a path, as "1200/stat", or the start of a
+// command, as "ps -T -p". The texts of a name take turns. Nothing reaches the system.
 
 #include <android-base/file.h>
 #include <errno.h>
+#include <json/json.h>
 
 #include <algorithm>
 #include <map>
@@ -16,13 +17,11 @@
 #include "modules/process/process_monitor.h"
 #include "proc/proc_readers.h"
 
-#define TASKS(use_shell) R"(tovrel.json:{"Config":{"policy":"panic","default_open_hw_list":{},
-    "switches":{"main":true,"debug":true,"use_shell":)" use_shell R"(},
-    "scan":{"timeout_second":2,"round":2},"black_white_list":{"enable":true,"list":["daemon"]},
-    "monitor_process":{"enable":true,"list":[
-        {"process":"app","thread":["watchdog","worker"]},{"process":"daemon"}]},
-    "monitor_binder":{"enable":true,"monitor_uids":[1000],"wchans":["binder_wait"],
-        "uid_map":[{"name":"system","value":1000}]}}}~)"
+const char* tasks = R"(etc/tovrel.json:{"Config":{"switches":{"debug":true},"policy":"panic",
+    "scan":{"timeout_second":2,"round":2},"default_open_hw_list":{},"monitor_process":{
+        "enable":true,"list":[{"process":"app","thread":["watchdog"]},{"process":"daemon"}]},
+    "monitor_binder":{"enable":true,"monitor_uids":[1000],"wchans":["binder_wait"],"uid_map":[{
+        "name":"system","value":1000}]},"black_white_list":{"enable":true,"list":["daemon"]}}}~)";
 
 std::map<std::string, std::vector<std::string>> texts;
 
@@ -34,36 +33,25 @@ std::string* next_text(const std::string& name) {
 }
 
 bool android::base::ReadFileToString(const std::string& path, std::string* content, bool) {
-    const std::string* text = next_text(path.substr(path.rfind('/') + 1));
+    const std::string* text = next_text(path.substr(path.rfind('/', path.rfind('/') - 1) + 1));
     if (text != nullptr) *content = *text;
     return text != nullptr;
 }
 
-// clang-format off
-extern "C" {
-int open(const char*, int, ...) { return errno = EACCES, -1; }
-int kill(pid_t, int) noexcept { return 0; }
-int usleep(useconds_t) { return 0; }
-int pclose(FILE* stream) { return fclose(stream); }
-FILE* popen(const char* command, const char*) {
-    std::string* text = next_text({command, strnlen(command, 8)});
-    return text == nullptr ? nullptr : fmemopen(text->data(), text->size(), "r");
-}
-}
-// clang-format on
-
 void walk(Config& config) {
     for (Module* module : config.modules) module->need_traverse();
     config.pre_check();
-    for (const int pid : {1200, 1300}) {  // share a thread id, as if it was used again
-        const std::string name = program_base_name(get_proc_name("")), comm = get_comm("");
-        if (config.check_process(name, pid, "")) config.check_thread(name, pid, comm, 1201, "");
-        config.post_check(name, "");
+    for (const std::string pid : {"1200", "1300"}) {  // share a thread id, as if it was used again
+        const std::string path = "/proc/" + pid, thread = path + "/task/1201";
+        const std::string name = program_base_name(get_proc_name(pid)), comm = get_comm(thread);
+        const bool wanted = config.check_process(name, stoi(pid), path);
+        if (wanted) config.check_thread(name, stoi(pid), comm, 1201, thread);
+        config.post_check(name, path);
     }
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const char* data, size_t size) {
-    __android_log_set_logger([](const __android_log_message*) {});  // formatted, but not written
+    __android_log_set_logger([](auto...) {});  // formatted, but not written
     debug_gate = true;
     std::istringstream pieces(BEGINNING + std::string(data, size));
     std::string name, text;
@@ -71,12 +59,13 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, size_t size) {
     Config& config = Config::get();
     try {
         read_config_file(&config);
+        config.use_shell |= LISTINGS;
         for (Module* module : config.modules) module->enable = true;  // also the I/O-wait list
         for (int scans = 4; scans > 0; --scans) {  // enough to report a task that stands still
             config.use_shell ? config.check_process_sh() : walk(config);
             config.scan_process(config.use_shell ? std::set<int>() : std::set<int>{1});
         }
-    } catch (const std::exception&) {  // Debian's jsoncpp; the platform's ends the process
+    } catch (const Json::Exception&) {  // of Debian's library; the platform's ends the process
     }
     delete std::exchange(config.binder_monitor, nullptr);
     delete std::exchange(config.black_white_list, nullptr);
@@ -86,4 +75,16 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, size_t size) {
     config.process_list.clear();
     texts.clear();
     return 0;
+}
+
+// clang-format off
+extern "C" {
+int open(const char*, int, ...) { return errno = EACCES, -1; }
+int kill(pid_t, int) noexcept { return 0; }
+int usleep(useconds_t) { return 0; }
+int pclose(FILE* stream) { return fclose(stream); }
+FILE* popen(const char* command, const char*) {
+    std::string* text = next_text(std::string(command).substr(0, 8));
+    return text == nullptr ? nullptr : fmemopen(text->data(), text->size(), "r");
+}
 }
