@@ -50,5 +50,6 @@ TEST_P(Stories, EndAsTold) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Daemon, Stories,
-                         testing::Values("start", "walk", "process", "binder", "iowait", "shell"),
+                         testing::Values("start", "walk", "process", "policy", "binder", "iowait",
+                                         "shell"),
                          [](const auto& info) { return std::string(info.param); });

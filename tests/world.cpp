@@ -198,6 +198,8 @@ void take_step(const std::string& step) {
         world->commands[key] = value;
     } else if (verb == "fail") {
         world->failures[key] = std::stoi(value);
+    } else if (verb == "signal") {
+        signal_handler(std::stoi(rest));
     } else if (verb == "late" || verb == "cost") {
         (verb == "late" ? world->late_ms : world->cost_ms) = std::stoi(rest);
     } else if (verb == "until") {
@@ -300,10 +302,6 @@ void record(const std::string& event) {
     must(REAL(write)(event_file, line.str().data(), line.str().size()) > 0);
 }
 
-void interrupt(int number) {
-    signal_handler(number);
-}
-
 size_t open_file_count() {
     return open_files.size();
 }
@@ -388,6 +386,8 @@ unsigned alarm(unsigned seconds) noexcept {
     const int64_t now = world->now_ms - start_ms;
     if (world->turns-- == 0 || now > world->until_ms) end_run();
     const std::lock_guard lock(world_mutex);
+    static int64_t calls_before = 0;
+    record("calls " + std::to_string(world->calls - std::exchange(calls_before, world->calls)));
     record("alarm " + std::to_string(seconds));
     auto& pending = world->pending;
     for (; !pending.empty() && pending.begin()->first <= now; pending.erase(pending.begin())) {

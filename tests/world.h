@@ -24,10 +24,12 @@
 //   sh COMMAND=>OUTPUT                   what a shell command prints
 //   fail CALL=ERRNO                      every "CALL", such as "open /dev/kmsg", fails; just the
 //                                        next one when ERRNO is negative; "=0" ends that
+//   signal NUMBER                        the handler that the daemon installed is called
 //   late MS, cost MS                     what a sleep, and a look at a command line, takes too long
 //   until SECONDS, turns N               when a run ends
 // Events are listed as "@SECONDS event, event @SECONDS event": log lines as "D|I|E text", files
-// written as "kmsg text" (the name of the file, a NUL shown as '.'), other calls by their name.
+// written as "kmsg text" (the name of the file, a NUL shown as '.'), other calls by their name, and
+// at the top of every turn "calls N", the calls that could have failed in the turn before.
 class World {
   public:
     explicit World(const std::string& story = "");
@@ -50,10 +52,8 @@ class World {
     bool recording = true;  // false keeps no events, for long runs
 };
 
-// Inside a run: adds an event; calls the handler that the daemon installed for a signal.
+// Inside a run: adds an event; how many files the daemon has open.
 void record(const std::string& event);
-void interrupt(int number);
-// Inside a run: how many files the daemon has open.
 size_t open_file_count();
 
 // Ends a run, and its test with it, unless `holds`.
