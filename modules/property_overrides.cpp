@@ -34,9 +34,11 @@ void Config::apply_timeout_property() {
 void Config::apply_policy_property() {
     const std::string word = get_prop_string("persist.vendor.hg.policy", "");
     if (word.empty()) return;
-    const std::optional<Policy> selected = policy_of(word);
-    if (!selected && debug) LOG_ERROR("persist.vendor.hg.policy format error");
-    policy = selected.value_or(static_cast<Policy>(policy));
+    if (const std::optional<Policy> selected = policy_of(word)) {
+        policy = *selected;
+    } else if (debug) {
+        LOG_ERROR("persist.vendor.hg.policy format error");
+    }
 }
 
 // "system_server surfaceflinger:RenderEngine": processes, each with the threads to watch.
