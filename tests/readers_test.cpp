@@ -108,6 +108,9 @@ TEST(Names, EndAtTheFirstSeparator) {
         EXPECT_EQ(world.run("", [] { record(get_comm("/proc/9") + "|" + get_proc_name("9")); }),
                   "@0 " + name + "|" + name);
     }
+    World world("9 a S");
+    world.failing_call = 3, world.failing_errno = EIO;  // what was read before is no name
+    EXPECT_EQ(world.run("", [] { record("comm" + get_comm("/proc/9")); }), "@0 comm");
 }
 
 TEST(Names, SplitDropsEmptyPieces) {
