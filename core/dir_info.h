@@ -23,7 +23,7 @@ class DirInfo {
     // error.
     const dirent64* next();
 
-    // Goes back to the first entry.
+    // Goes back to the first entry of an open directory.
     void rewind();
 
     // Closes the directory; nothing happens when none is open.

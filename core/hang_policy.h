@@ -2,7 +2,8 @@
 
 #include <string>
 
-// Acts on a hung task by Config's policy. `report` is the line for the kernel log.
+// Acts on a hung task by Config's policy. `report` is the line for the kernel log; it is not
+// changed.
 //   panic    kernel log, SysRq "w" and "l", 3 s, SysRq "c"
 //   reboot   kernel log, reboot with the reason "tovrel"
 //   kill     SIGKILL to `pid`; nothing in the kernel log

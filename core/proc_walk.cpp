@@ -81,6 +81,7 @@ std::set<int> walk_proc() {
     while (const dirent64* entry = proc_dir_reader.next()) {
         check_process_entry(entry, &zygote_pids);
     }
+    // Closing makes the way back moot; it stays, so that a walk is the same calls as ever.
     proc_dir_reader.rewind();
     proc_dir_reader.close();
     return zygote_pids;

@@ -14,5 +14,6 @@ void arm_self_watchdog(int64_t timeout);
 
 // Has the kernel dump its blocked tasks and the backtraces of all processors, which show where the
 // daemon is stuck, and kills the daemon. A signal handler that logs, opens files and sleeps, since
-// it never returns to the interrupted code; where that holds a lock of the log, the kill is missed.
+// it never returns to the interrupted code. Where that holds a lock of the log, the handler waits
+// for it for ever, and the daemon stays as it is.
 void alarm_handler(int signal);

@@ -2,7 +2,8 @@
 
 #include <sys/types.h>
 
-// For the dumps that were asked for to reach the log before anything else happens.
+// How long the dumps that were asked for get to be written before anything else happens, in
+// microseconds: those of SysRq into the kernel log, those of a signal into the target's files.
 constexpr useconds_t kDumpTime = 3000000;
 
 // Hands one command to the kernel's magic SysRq: "w" dumps the blocked tasks, "l" the backtraces of
