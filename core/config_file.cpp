@@ -10,6 +10,7 @@
 
 #include "core/log.h"
 #include "modules/binder/binder_monitor.h"
+#include "modules/config.h"
 #include "modules/iowait/black_white_list.h"
 
 namespace {
@@ -23,11 +24,15 @@ bool parse_config(const std::string& text, Json::Value* root) {
     return false;
 }
 
-// The object under `key`; the null value, after `error` was logged, when it is none.
-const Json::Value& get_section(const Json::Value& parent, const char* key, const char* error) {
-    if (parent.isObject() && parent[key].isObject()) return parent[key];
-    LOG_ERROR("%s", error);
-    return Json::Value::nullSingleton();
+// Reads the object under `key`; false, after `error` was logged, when it is none.
+bool read_section(const Json::Value& parent, const char* key, const char* error,
+                  void (*read)(const Json::Value& section, Config* config), Config* config) {
+    if (!parent.isObject() || !parent[key].isObject()) {
+        LOG_ERROR("%s", error);
+        return false;
+    }
+    read(parent[key], config);
+    return true;
 }
 
 // An absent key and anything but an array count as an empty array.
@@ -50,28 +55,23 @@ bool read_bool_property(const char* name, bool log) {
     return value;
 }
 
-bool read_switches(const Json::Value& root, Config* config) {
-    const Json::Value& section = get_section(root, "switches", "parse switches failed");
-    if (section.isNull()) return false;
+void read_switches(const Json::Value& section, Config* config) {
     config->enable = section["main"].asBool();
     config->debug = section["debug"].asBool();
     config->use_shell = section["use_shell"].asBool();
     const bool log = config->debug;
     config->enable |= read_bool_property("persist.vendor.hg.enable", log);
     config->debug |= read_bool_property("persist.vendor.hg.debug", log);
-    return true;
 }
 
-void read_policy(const Json::Value& root, Config* config) {
-    config->policy = policy_of(root["policy"].asString()).value_or(kPolicyNothing);
+void read_policy(const Json::Value& word, Config* config) {
+    config->policy = policy_of(word.asString()).value_or(kPolicyNothing);
     if (!config->debug) return;
     LOG_INFO("init enable=%d,debug=%d,shell=%d,policy=%d", config->enable, config->debug,
              config->use_shell, config->policy);
 }
 
-bool read_scan(const Json::Value& root, Config* config) {
-    const Json::Value& section = get_section(root, "scan", "parse scan failed");
-    if (section.isNull()) return false;
+void read_scan(const Json::Value& section, Config* config) {
     config->timeout_min = seconds_to_ms(section["timeout_min_second"]);
     config->timeout = std::max(seconds_to_ms(section["timeout_second"]), config->timeout_min);
     config->interval_min = seconds_to_ms(section["interval_min_second"]);
@@ -84,25 +84,21 @@ bool read_scan(const Json::Value& root, Config* config) {
                  static_cast<long long>(config->interval_min),
                  static_cast<long long>(config->log_timeout), config->round);
     }
-    return true;
 }
 
-bool read_monitor_process(const Json::Value& root, Config* config) {
-    const Json::Value& section =
-            get_section(root, "monitor_process", "parse monitor process failed");
-    if (section.isNull()) return false;
+void read_monitor_process(const Json::Value& section, Config* config) {
     config->process_enable = section["enable"].asBool();
-    if (!config->process_enable) return true;
+    if (!config->process_enable) return;
     for (const Json::Value& item : get_array(section, "list")) {
         // The first entry of a process wins; a later one is dropped with its threads.
         const auto [entry, is_new] = config->process_list.try_emplace(item["process"].asString());
         if (is_new) insert_strings(get_array(item, "thread"), &entry->second);
     }
     config->process_enable = !config->process_list.empty();
-    return true;
 }
 
 void build_binder_monitor(const Json::Value& section, Config* config) {
+    // Lives until the process ends, like every detector.
     auto* monitor = new BinderMonitor;
     config->binder_monitor = monitor;
     for (const Json::Value& uid : get_array(section, "monitor_uids")) {
@@ -120,13 +116,10 @@ void build_binder_monitor(const Json::Value& section, Config* config) {
     config->modules.push_back(monitor);
 }
 
-bool read_monitor_binder(const Json::Value& root, Config* config) {
-    const Json::Value& section = get_section(root, "monitor_binder", "parse binder failed");
-    if (section.isNull()) return false;
+void read_monitor_binder(const Json::Value& section, Config* config) {
     config->binder_enable = section["enable"].asBool();
     config->binder_enable |= read_bool_property("persist.vendor.hg.binder", config->debug);
     if (config->binder_enable) build_binder_monitor(section, config);
-    return true;
 }
 
 // Chosen board platforms switch the daemon on where nothing else did; none switches it off.
@@ -138,19 +131,17 @@ void enable_on_listed_platform(Config* config) {
     config->enable = true;
 }
 
-bool read_default_open_hw_list(const Json::Value& root, Config* config) {
-    const Json::Value& section = get_section(root, "default_open_hw_list", "parse hw list failed");
-    if (section.isNull()) return false;
+void read_default_open_hw_list(const Json::Value& section, Config* config) {
     if (section["enable"].asBool()) insert_strings(get_array(section, "list"), &config->hw_list);
     config->hw_enable = !config->hw_list.empty();
     if (config->hw_enable) enable_on_listed_platform(config);
     if (config->debug) {
-        LOG_INFO("default open hw enable=%d size=%lu", config->hw_enable, config->hw_list.size());
+        LOG_INFO("default open hw enable=%d size=%zu", config->hw_enable, config->hw_list.size());
     }
-    return true;
 }
 
 void build_black_white_list(const Json::Value& section, Config* config) {
+    // Lives until the process ends, like every detector; its worker thread refers to it.
     auto* module = new BlackWhiteList;
     config->black_white_list = module;
     insert_strings(section["list"], &module->list);
@@ -165,25 +156,29 @@ void build_black_white_list(const Json::Value& section, Config* config) {
     config->modules.push_back(module);
 }
 
-bool read_black_white_list(const Json::Value& root, Config* config) {
-    const Json::Value& section =
-            get_section(root, "black_white_list", "parse black white list failed");
-    if (section.isNull()) return false;
+void read_black_white_list(const Json::Value& section, Config* config) {
     config->bw_enable = section["enable"].asBool();
     // The switch stays on without a list, and alone keeps the daemon scanning.
     if (config->bw_enable && !get_array(section, "list").empty()) {
         build_black_white_list(section, config);
     }
-    return true;
 }
 
-// Reads the sections in their order; false when one of them ends the reading.
-bool read_sections(const Json::Value& root, Config* config) {
-    if (!read_switches(root, config)) return false;
-    read_policy(root, config);
-    return read_scan(root, config) && read_monitor_process(root, config) &&
-           read_monitor_binder(root, config) && read_default_open_hw_list(root, config) &&
-           read_black_white_list(root, config);
+// Reads the sections in their order up to the first that is missing; after the last one the
+// properties have their turn.
+void read_sections(const Json::Value& root, Config* config) {
+    const auto read = [&](const char* key, const char* error, auto* read_one) {
+        return read_section(root, key, error, read_one, config);
+    };
+    if (!read("switches", "parse switches failed", read_switches)) return;
+    read_policy(root["policy"], config);
+    if (read("scan", "parse scan failed", read_scan) &&
+        read("monitor_process", "parse monitor process failed", read_monitor_process) &&
+        read("monitor_binder", "parse binder failed", read_monitor_binder) &&
+        read("default_open_hw_list", "parse hw list failed", read_default_open_hw_list) &&
+        read("black_white_list", "parse black white list failed", read_black_white_list)) {
+        config->init_second_stage();
+    }
 }
 
 }  // namespace
@@ -197,6 +192,5 @@ void read_config_file(Config* config) {
     }
     Json::Value document;
     if (!parse_config(text, &document)) return;
-    const Json::Value& root = get_section(document, "Config", "parse config failed");
-    if (!root.isNull() && read_sections(root, config)) config->init_second_stage();
+    read_section(document, "Config", "parse config failed", read_sections, config);
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "modules/config.h"
+class Config;
 
 // Reads "/vendor/etc/tovrel.json" and the switch properties into `config`, builds the binder
 // detector and the I/O-wait list where they are switched on, and ends with
