@@ -4,10 +4,10 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "modules/module.h"
+#include "modules/process_list.h"
 
 class BinderMonitor;
 class BlackWhiteList;
@@ -21,9 +21,6 @@ std::optional<Policy> policy_of(const std::string& word);
 
 // Mode of the I/O-wait list.
 enum ListMode : int32_t { kWhiteList = 0, kBlackList = 1 };
-
-// Process names, each with the names of its threads to watch; no thread: the process as a whole.
-using ProcessList = std::unordered_map<std::string, std::set<std::string>>;
 
 // The settings of the daemon, and the composite through which the scan loop reaches the detectors:
 // every operation of Module goes to each enabled entry of `modules`, in order, with copies of the

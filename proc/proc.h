@@ -28,11 +28,13 @@ struct proc {
     int64_t count = 0;           // [s] stuck time in ms: no progress since the last stage
     char state = '?';            // [s] one-letter scheduler state, '?' while unknown
     char comm[16] = {};          // [s] task name, 15 characters at most
-    bool alive = false;          // met, by the rules of its detector
-    bool reported = false;       // [s] dumped for the current hang; cleared by progress
-    bool frozen = false;         // [s] in the frozen group of the cgroup v1 freezer
-    bool zygote_child = false;   // forked by a zygote
-    std::string wchan;           // kernel wait channel, where the detector asks for it
+    // Met: in the last listing or walk (binder detector); since the process was bound, until
+    // unbound (process detector).
+    bool alive = false;
+    bool reported = false;      // [s] dumped for the current hang; cleared by progress
+    bool frozen = false;        // [s] in the frozen group of the cgroup v1 freezer
+    bool zygote_child = false;  // forked by a zygote
+    std::string wchan;          // kernel wait channel, where the detector asks for it
 
     // Forgets what was sampled, for a record that is re-used for another task. The ids, the uid,
     // the CPU time and the wait channel stay: the next sample or the detector overwrites them.

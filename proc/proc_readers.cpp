@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "core/log.h"
-#include "modules/config.h"
 #include "proc/string_split.h"
 
 namespace {
@@ -38,7 +37,7 @@ bool parse_stat(const std::string& text, StatFields* fields) {
 // count is 0 on kernels built without scheduler statistics; 0 and the all-ones value say nothing.
 bool parse_run_count(const std::string& text, uint64_t* run_count) {
     unsigned long long value = 0;
-    if (text.empty() || sscanf(text.c_str(), "%*d %*d %llu", &value) != 1) return false;
+    if (sscanf(text.c_str(), "%*d %*d %llu", &value) != 1) return false;
     *run_count = value;
     return value != 0 && value != UINT64_MAX;
 }
@@ -55,7 +54,7 @@ void restart_stuck_time(proc* record) {
 
 }  // namespace
 
-void read_stat(proc* record, const std::string& task_dir) {
+void read_stat(proc* record, const std::string& task_dir, int64_t interval) {
     if (record == nullptr) {
         if (debug_gate) LOG_INFO("Null procRecord.");
         return;
@@ -85,7 +84,7 @@ void read_stat(proc* record, const std::string& task_dir) {
         restart_stuck_time(record);
         record->state = fields.state;
     } else {
-        record->count += Config::get().interval;
+        record->count += interval;
     }
 
     uint64_t run_count = 0;
@@ -94,6 +93,12 @@ void read_stat(proc* record, const std::string& task_dir) {
         record->sched_count = run_count;
         restart_stuck_time(record);
     }
+}
+
+proc sample_once(const std::string& task_dir) {
+    proc sample;
+    read_stat(&sample, task_dir, 0);
+    return sample;
 }
 
 std::string get_comm(const std::string& task_dir) {
@@ -117,8 +122,13 @@ bool get_valid_tid_dir(const dirent64* entry, std::string* path) {
     return lstat(path->c_str(), &status) == 0 && (status.st_mode & S_IFDIR) != 0;
 }
 
+std::string thread_dir(int pid, int tid) {
+    return "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
+}
+
 std::string read_task_file(const std::string& task_dir, const char* name) {
     std::string path;
+    // One allocation instead of two: this runs for every file of every scan.
     path.reserve(task_dir.size() + strlen(name));
     path.append(task_dir).append(name);
     std::string content;
@@ -140,6 +150,7 @@ bool is_zygote(const std::string& process_name) {
 }
 
 std::string program_base_name(const std::string& path) {
+    // Spares the names without a directory, such as every application's, the vector of pieces.
     if (path.find('/') == std::string::npos) return path;
     const std::vector<std::string> pieces = string_split(path, "/");
     return pieces.size() > 1 ? pieces.back() : path;

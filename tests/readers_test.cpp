@@ -3,7 +3,7 @@
 
 #include "core/log.h"
 #include "modules/config.h"
-#include "proc/exec_command.h"
+#include "proc/shell_command.h"
 #include "proc/proc_readers.h"
 #include "proc/string_split.h"
 #include "world.h"
@@ -59,7 +59,6 @@ TEST(ReadStat, KeepsTheStuckTime) {
     for (const Sample& sample : samples) expected += std::string(sample.record) + ", ";
     EXPECT_EQ(world.run("",
                         [&] {
-                            Config::get().interval = 500;
                             proc task;
                             for (const Sample& sample : samples) {
                                 task.reported = true;
@@ -69,7 +68,7 @@ TEST(ReadStat, KeepsTheStuckTime) {
                                     world.files["/proc/9/cgroup"] = sample.cgroup;
                                 if (*sample.schedstat != '-')
                                     world.files["/proc/9/schedstat"] = sample.schedstat;
-                                read_stat(&task, "/proc/9");
+                                read_stat(&task, "/proc/9", 500);
                                 record(describe(task));
                             }
                             task.zygote_child = task.alive = true;
@@ -85,8 +84,8 @@ TEST(ReadStat, ExplainsFailuresOnlyWhenDebugging) {
             "fail read /proc/5/schedstat=3");
     const auto body = [] {
         proc task;
-        read_stat(nullptr, "/proc/9");
-        for (const char* directory : {"/proc/8", "/proc/9", "/proc/5"}) read_stat(&task, directory);
+        read_stat(nullptr, "/proc/9", 500);
+        for (const char* directory : {"/proc/8", "/proc/9", "/proc/5"}) read_stat(&task, directory, 500);
         get_comm("/proc/8");
         get_proc_name("8");
     };

@@ -9,8 +9,8 @@
 #include "proc/proc.h"
 
 // The detector of binder threads: threads whose name contains "Binder:" and whose real uid is
-// monitored. They are found by every walk (binder_find.cpp, in shell mode binder_find_sh.cpp) and
-// judged after it (binder_judge.cpp). Everything runs on the scan loop's thread.
+// monitored. They are found by every walk and judged after it. Everything runs on the scan loop's
+// thread. What shell mode does instead of the walk is in binder_monitor_sh.cpp.
 class BinderMonitor : public Module {
   public:
     // Always: binder threads come and go, so that every scan walks.
@@ -42,9 +42,11 @@ class BinderMonitor : public Module {
     int64_t timeout = 0;                               // ms
 
   private:
+    // Finding.
+    proc* bind_thread(int pid, int tid, const std::string& path);
+
     // Judging.
     void judge_thread(proc* thread, const std::set<int>& zygote_pids);
-    void respond_blocked(proc* thread);
     void respond_waiting(proc* thread);
 
     // Finding by shell commands.

@@ -19,10 +19,10 @@ struct ListInfo {
 };
 
 // Hands the processes of the configured list to the kernel's own hung-task detector, which then
-// judges their I/O waits. Processes are found by every walk (iowait_find.cpp, in shell mode
-// iowait_find_sh.cpp); what goes to the kernel's files under "/proc/sys/hung_task_enh/" is in
-// iowait_kernel.cpp. The operations of Module run on the scan loop's thread; ids are written by a
-// worker thread. A slow file holds up only a scan that has an id to queue meanwhile.
+// judges their I/O waits: through files under "/proc/sys/hung_task_enh/". The operations of Module
+// run on the scan loop's thread; ids are written by a worker thread. A slow file holds up only a
+// scan that has an id to queue meanwhile. What shell mode does instead of the walk is in
+// black_white_list_sh.cpp.
 class BlackWhiteList : public Module {
   public:
     // Writes the kernel's global settings and starts the worker thread: `mode` to

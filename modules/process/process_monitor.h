@@ -4,9 +4,10 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
-#include "modules/config.h"
 #include "modules/module.h"
+#include "modules/process_list.h"
 #include "proc/proc.h"
 
 // One process to watch and the live process it is bound to.
@@ -31,10 +32,9 @@ struct process_info {
     void unbind();
 };
 
-// The detector of named processes and threads. Its table is filled at start-up from the
-// configured names and bound to live tasks in every scan (process_find.cpp, in shell mode
-// process_find_sh.cpp); bound tasks are then judged (process_judge.cpp). Everything runs on the
-// scan loop's thread.
+// The detector of named processes and threads. Its table is filled at start-up from the configured
+// names, bound to live tasks in every scan, and bound tasks are then judged. Everything runs on the
+// scan loop's thread. What shell mode does instead of the walk is in process_monitor_sh.cpp.
 class ProcessMonitor : public Module {
   public:
     // Durations in ms. Every process and thread of `process_list` starts unbound.
@@ -65,6 +65,8 @@ class ProcessMonitor : public Module {
 
     // Binding, by shell commands.
     bool bind_process_sh(const std::string& name, process_info* process);
+    void rebind_process_sh(const std::string& name, const std::vector<std::string>& columns,
+                           process_info* process);
     void check_main_thread_sh(process_info* process);
     void bind_thread_sh(const std::string& name, int pid, proc* thread);
     void check_thread_sh(const std::string& name, const process_info& process, proc* thread);
@@ -77,7 +79,6 @@ class ProcessMonitor : public Module {
     bool judge_thread(const std::string& name, process_info* process, proc* thread,
                       const std::set<int>& zygote_pids);
     void respond_unswitched(const std::string& name, const process_info& process, proc* thread);
-    void respond_blocked(const process_info& process, proc* thread);
     void log_dumped(const process_info& process, const proc& thread) const;
 
     int64_t interval;

@@ -1,34 +1,21 @@
-#include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "core/log.h"
 #include "modules/iowait/black_white_list.h"
 #include "proc/proc_readers.h"
+#include "proc/ps_columns.h"
+#include "proc/shell_command.h"
 #include "proc/string_split.h"
-
-namespace {
-
-// Columns of the platform's `ps -e`: user, pid, parent pid, virtual size, resident size, wait
-// channel, address, state, name.
-enum Column { kPid = 1, kName = 8, kColumns };
-
-constexpr int kLineSize = 1024;
-
-}  // namespace
 
 void BlackWhiteList::check_process_sh() {
     if (list.empty()) {
         if (debug) LOG_ERROR("Empty bw list.");
         return;
     }
-    FILE* listing = popen(listing_command().c_str(), "r");
-    if (listing == nullptr) {
-        if (debug) LOG_ERROR("BW open cmd failed");
-        return;
-    }
-    char line[kLineSize] = {};
-    while (fgets(line, sizeof(line), listing) != nullptr) check_listed_process(line);
-    if (pclose(listing) == -1 && debug) LOG_ERROR("close fail.");
+    const auto take_line = [this](const char* line) { check_listed_process(line); };
+    if (!read_lines(listing_command(), debug, take_line) && debug) LOG_ERROR("BW open cmd failed");
 }
 
 std::string BlackWhiteList::listing_command() const {
@@ -43,6 +30,7 @@ std::string BlackWhiteList::listing_command() const {
 }
 
 void BlackWhiteList::check_listed_process(const char* line) {
+    using namespace ps_processes;
     std::vector<std::string> columns = string_split(line, " ");
     if (columns.size() < kColumns) {
         if (debug) LOG_INFO("[sh] find process fail.");

@@ -1,8 +1,9 @@
-#include "modules/hang_response.h"
+#include "modules/hang_stages.h"
 
 #include <signal.h>
 #include <unistd.h>
 
+#include "core/hang_policy.h"
 #include "core/sysrq.h"
 
 namespace {
@@ -10,17 +11,6 @@ namespace {
 constexpr int kManagedDumpSignal = SIGQUIT;
 // The platform reserves the real-time signals from 32 on; 35 is its debugger signal.
 constexpr int kNativeDumpSignal = 35;
-
-}  // namespace
-
-void dump_stacks(uint32_t tgid, bool zygote_child) {
-    const auto pid = static_cast<pid_t>(tgid);
-    if (zygote_child) {
-        kill(pid, kManagedDumpSignal);
-        usleep(kDumpTime);
-    }
-    kill(pid, kNativeDumpSignal);
-}
 
 void dump_blocked(const proc& task, bool zygote_child) {
     if (task.state == 'Z') {
@@ -33,6 +23,7 @@ void dump_blocked(const proc& task, bool zygote_child) {
     usleep(kDumpTime);
 }
 
+// "tid:1234 pid:1200 ppid:1 in D 120s"; a zombie's report has no tid.
 std::string blocked_report(const proc& task, int64_t timeout) {
     std::string report;
     if (task.state != 'Z') report = "tid:" + std::to_string(task.pid) + " ";
@@ -40,8 +31,26 @@ std::string blocked_report(const proc& task, int64_t timeout) {
            " in " + task.state + " " + whole_seconds(timeout);
 }
 
-uint32_t policy_target(const proc& task) {
-    return task.state == 'Z' ? task.ppid : task.tgid;
+}  // namespace
+
+void dump_stacks(uint32_t tgid, bool zygote_child) {
+    const auto pid = static_cast<pid_t>(tgid);
+    if (zygote_child) {
+        kill(pid, kManagedDumpSignal);
+        usleep(kDumpTime);
+    }
+    kill(pid, kNativeDumpSignal);
+}
+
+bool respond_blocked(proc* task, bool zygote_child, int64_t timeout) {
+    if (!task->reported) {
+        dump_blocked(*task, zygote_child);
+        task->reported = true;
+        return true;
+    }
+    std::string report = blocked_report(*task, timeout);
+    handle_policy(static_cast<int>(task->state == 'Z' ? task->ppid : task->tgid), report);
+    return false;
 }
 
 std::string whole_seconds(int64_t milliseconds) {

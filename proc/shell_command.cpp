@@ -1,4 +1,4 @@
-#include "proc/exec_command.h"
+#include "proc/shell_command.h"
 
 #include <cstdio>
 
@@ -15,4 +15,14 @@ void exec_command(const char* command, char* output) {
     [[maybe_unused]] const size_t length = fread(output, 1, kCommandOutputSize, stream);
     output[kCommandOutputSize - 1] = '\0';
     pclose(stream);
+}
+
+bool read_lines(const std::string& command, bool debug,
+                const std::function<void(const char* line)>& take_line) {
+    FILE* stream = popen(command.c_str(), "r");
+    if (stream == nullptr) return false;
+    char line[1024] = {};
+    while (fgets(line, sizeof(line), stream) != nullptr) take_line(line);
+    if (pclose(stream) == -1 && debug) LOG_ERROR("close fail.");
+    return true;
 }

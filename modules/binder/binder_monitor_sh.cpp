@@ -1,33 +1,20 @@
-#include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "core/log.h"
 #include "modules/binder/binder_monitor.h"
+#include "modules/config.h"
 #include "proc/proc_readers.h"
+#include "proc/ps_columns.h"
+#include "proc/shell_command.h"
 #include "proc/string_split.h"
-
-namespace {
-
-// Columns of the platform's `ps -e -T`: user, pid, tid, parent pid, virtual size, resident size,
-// wait channel, address, state, name.
-enum Column { kUser, kPid, kTid, kPpid, kVsz, kRss, kWchan, kAddress, kState, kName, kColumns };
-
-constexpr int kLineSize = 1024;
-
-}  // namespace
 
 void BinderMonitor::check_process_sh() {
     const std::string command = listing_command();
     pre_check();
-    FILE* listing = popen(command.c_str(), "r");
-    if (listing == nullptr) {
-        if (debug) LOG_ERROR("get binder cmd failed");
-        return;
-    }
-    char line[kLineSize] = {};
-    while (fgets(line, sizeof(line), listing) != nullptr) check_listed_thread(line);
-    if (pclose(listing) == -1 && debug) LOG_ERROR("close fail.");
+    const auto take_line = [this](const char* line) { check_listed_thread(line); };
+    if (!read_lines(command, debug, take_line) && debug) LOG_ERROR("get binder cmd failed");
 }
 
 // The user names of the monitored uids, in the order of the uids and one name each, become the
@@ -50,6 +37,7 @@ std::string BinderMonitor::listing_command() const {
 }
 
 void BinderMonitor::check_listed_thread(const char* line) {
+    using namespace ps_threads;
     std::vector<std::string> columns = string_split(line, " ");
     if (columns.size() < kColumns) {
         if (debug) LOG_INFO("[sh] read binder threads fail.");
@@ -84,8 +72,8 @@ void BinderMonitor::check_listed_thread(const char* line) {
         return;
     }
     if (is_monitor_state(thread.state, thread.wchan)) {
-        read_stat(&thread, "/proc/" + std::to_string(static_cast<int>(thread.tgid)) + "/task/" +
-                                   std::to_string(static_cast<int>(thread.pid)));
+        read_stat(&thread, thread_dir(static_cast<int>(thread.tgid), static_cast<int>(thread.pid)),
+                  Config::get().interval);
     } else {
         thread.count = 0;
     }

@@ -1,7 +1,11 @@
+#include "modules/process/process_monitor.h"
+
+#include <cstring>
 #include <utility>
 
+#include "core/hang_policy.h"
 #include "core/log.h"
-#include "modules/process/process_monitor.h"
+#include "modules/hang_stages.h"
 #include "proc/proc_readers.h"
 
 namespace {
@@ -9,10 +13,15 @@ namespace {
 // A multi-threaded process whose main thread has exited lives on as a zombie with an empty command
 // line, under its old pid and parent.
 bool is_same_zombie(const process_info& process, const std::string& process_dir) {
-    proc sample;
-    read_stat(&sample, process_dir);
+    const proc sample = sample_once(process_dir);
     return sample.pid == static_cast<uint32_t>(process.pid) &&
            sample.ppid == static_cast<uint32_t>(process.ppid) && sample.state == 'Z';
+}
+
+// The thread that the platform's managed runtime processes keep to watch themselves: it runs
+// regularly as long as its process is well.
+bool is_sleeping_watchdog(const proc& thread) {
+    return thread.zygote_child && thread.state == 'S' && strcmp(thread.comm, "watchdog") == 0;
 }
 
 }  // namespace
@@ -73,7 +82,7 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
             process->unbind();
             return false;
         }
-        read_stat(&process->first_thread(), process_dir);
+        read_stat(&process->first_thread(), process_dir, interval);
         return true;
     }
 
@@ -84,7 +93,7 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
     }
     if (process->main_only) {
         process->first_thread().alive = true;
-        read_stat(&process->first_thread(), process_dir + "/task/" + pid);
+        read_stat(&process->first_thread(), thread_dir(process->pid, process->pid), interval);
         return true;
     }
     return refresh_threads(process);
@@ -93,14 +102,14 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
 bool ProcessMonitor::refresh_threads(process_info* process) {
     for (auto& [name, thread] : process->threads) {
         if (!thread.alive) return false;
-        const std::string thread_dir =
-                "/proc/" + std::to_string(thread.tgid) + "/task/" + std::to_string(thread.pid);
-        const std::string current_name = get_comm(thread_dir);
+        const std::string task_dir =
+                thread_dir(static_cast<int>(thread.tgid), static_cast<int>(thread.pid));
+        const std::string current_name = get_comm(task_dir);
         if (current_name != thread.comm) {
             if (debug) LOG_ERROR("thread %s change to %s", thread.comm, current_name.c_str());
             return false;
         }
-        read_stat(&thread, thread_dir);
+        read_stat(&thread, task_dir, interval);
         thread.alive = thread.pid != kUnknownId;
     }
     return true;
@@ -130,7 +139,7 @@ bool ProcessMonitor::check_process(std::string name, int pid, std::string path) 
     proc& thread = process->first_thread();
     thread.alive = true;
     thread.tgid = pid;
-    read_stat(&thread, path);
+    read_stat(&thread, path, interval);
     process->ppid = static_cast<int32_t>(thread.ppid);
     return false;
 }
@@ -140,7 +149,7 @@ void ProcessMonitor::check_unnamed_process(int pid, const std::string& path) {
         if (process.pid != pid) continue;
         if (is_same_zombie(process, path)) {
             process.started = true;
-            read_stat(&process.first_thread(), path);
+            read_stat(&process.first_thread(), path, interval);
             process.first_thread().alive = true;
         } else {
             process.unbind();
@@ -160,7 +169,7 @@ void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, i
         proc& thread = process->first_thread();
         thread.alive = true;
         thread.tgid = tid;
-        read_stat(&thread, path);
+        read_stat(&thread, path, interval);
         return;
     }
 
@@ -172,7 +181,7 @@ void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, i
         thread.clear_sample();
     }
     thread.tgid = process->pid;
-    read_stat(&thread, path);
+    read_stat(&thread, path, interval);
     thread.alive = thread.pid != kUnknownId;
     process->ppid = static_cast<int32_t>(thread.ppid);
 }
@@ -185,12 +194,87 @@ void ProcessMonitor::post_check(std::string name, std::string path) {
         if (thread.alive) continue;
         thread.tgid = process->pid;
         if (process->ppid == -1) {
-            proc sample;
-            read_stat(&sample, path);
-            process->ppid = static_cast<int32_t>(sample.ppid);
+            process->ppid = static_cast<int32_t>(sample_once(path).ppid);
         }
         thread.ppid = process->ppid;
         thread.count += interval;
         if (debug) LOG_INFO("thread %s not start", thread_name.c_str());
     }
+}
+
+bool ProcessMonitor::is_candidate(const proc& thread) {
+    return is_blocked_state(thread.state) || is_sleeping_watchdog(thread);
+}
+
+void ProcessMonitor::scan_process(std::set<int> zygote_pids) {
+    for (auto& [name, process] : processes) {
+        if (!process.started) continue;
+        if (process.threads.empty()) {
+            if (debug) LOG_INFO("Empty thread.");
+            continue;
+        }
+        for (auto& [thread_name, thread] : process.threads) {
+            if (judge_thread(thread_name, &process, &thread, zygote_pids)) break;
+        }
+    }
+}
+
+bool ProcessMonitor::judge_thread(const std::string& name, process_info* process, proc* thread,
+                                  const std::set<int>& zygote_pids) {
+    if (thread->frozen) {
+        if (debug) LOG_INFO(" thread %s frozen.", name.c_str());
+        return false;
+    }
+    // Without a zygote there is no state filter: every thread that stands still is judged.
+    if (!zygote_pids.empty()) {
+        thread->zygote_child = zygote_pids.count(static_cast<int>(thread->ppid)) != 0;
+        process->zygote_child = thread->zygote_child;
+        if (thread->alive && !is_candidate(*thread)) {
+            thread->count = 0;
+            return false;
+        }
+    }
+    if (thread->count < timeout / 2) return false;
+    if (debug) {
+        LOG_INFO("thread: %s tid=%u, count=%lld, state=%c", name.c_str(), thread->pid,
+                 static_cast<long long>(thread->count), thread->state);
+    }
+    thread->count = 0;
+
+    if (!thread->alive || thread->state == 'S') {
+        respond_unswitched(name, *process, thread);
+        return true;
+    }
+    if (is_blocked_state(thread->state)) {
+        if (respond_blocked(thread, process->zygote_child, timeout)) log_dumped(*process, *thread);
+        return true;
+    }
+    return false;
+}
+
+// A watched thread that is missing, or one that sleeps and is never switched to.
+void ProcessMonitor::respond_unswitched(const std::string& name, const process_info& process,
+                                        proc* thread) {
+    if (!thread->reported) {
+        dump_stacks(thread->tgid, process.zygote_child);
+        log_dumped(process, *thread);
+        thread->reported = true;
+        return;
+    }
+    const std::string ids =
+            "pid:" + std::to_string(thread->tgid) + " ppid:" + std::to_string(thread->ppid);
+    std::string report;
+    if (!thread->alive) {
+        report = name + " in " + ids + " cannot start " + whole_seconds(timeout);
+    } else {
+        report = "tid:" + std::to_string(thread->pid) + " " + ids + " in unswitch " +
+                 thread->state + " " + whole_seconds(timeout);
+    }
+    handle_policy(static_cast<int>(thread->tgid), report);
+}
+
+void ProcessMonitor::log_dumped(const process_info& process, const proc& thread) const {
+    if (!debug) return;
+    LOG_INFO("dumped:%u %s parent=%u stat=%c", thread.tgid, process.cmd_name.c_str(), thread.ppid,
+             thread.state);
 }

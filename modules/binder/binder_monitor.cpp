@@ -1,0 +1,150 @@
+#include "modules/binder/binder_monitor.h"
+
+#include <cstdlib>
+#include <vector>
+
+#include "core/hang_policy.h"
+#include "core/log.h"
+#include "modules/config.h"
+#include "modules/hang_stages.h"
+#include "proc/proc_readers.h"
+
+namespace {
+
+// "Uid:\t1000\t1000\t1000\t1000" of a status file, never its first line: real, effective, saved and
+// file system uid. The first counts if it is a number with a blank behind it.
+uint32_t parse_real_uid(const std::string& status) {
+    constexpr char kLabel[] = "\nUid:";
+    const size_t label = status.find(kLabel);
+    if (label == std::string::npos) return kUnknownUid;
+    const size_t begin = status.find_first_not_of(" \t", label + sizeof(kLabel) - 1);
+    const size_t end = status.find_first_not_of("0123456789", begin);
+    if (end == std::string::npos || (status[end] != ' ' && status[end] != '\t')) {
+        return kUnknownUid;
+    }
+    return static_cast<uint32_t>(strtoul(status.c_str() + begin, nullptr, 10));
+}
+
+}  // namespace
+
+void BinderMonitor::dump() {
+    if (!debug) return;
+    LOG_INFO("binder enable=%d list size=%zu, wchan size=%zu", enable, monitor_uids.size(),
+             wchans.size());
+    for (const auto& [name, uid] : uid_map) LOG_INFO("binder uid map %s:%d", name.c_str(), uid);
+}
+
+void BinderMonitor::pre_check() {
+    for (auto& [tid, thread] : binder_threads) thread.alive = false;
+}
+
+bool BinderMonitor::check_process(std::string /*name*/, int /*pid*/, std::string /*path*/) {
+    return true;
+}
+
+void BinderMonitor::check_thread(std::string /*name*/, int pid, std::string comm, int tid,
+                                 std::string path) {
+    if (comm.find("Binder:") == std::string::npos) return;
+    proc* thread = bind_thread(pid, tid, path);
+    if (thread == nullptr) return;
+    thread->alive = true;
+    // The interval of now: a property may have raised it since this detector was built.
+    read_stat(thread, path, Config::get().interval);
+    thread->wchan = get_wchan(path);
+}
+
+// The record of a thread; null where its user is not monitored. A thread that is new, or whose id
+// was last met in another process, is looked up by its user.
+proc* BinderMonitor::bind_thread(int pid, int tid, const std::string& path) {
+    const auto found = binder_threads.find(tid);
+    const bool tracked = found != binder_threads.end();
+    if (tracked && found->second.tgid == static_cast<uint32_t>(pid)) return &found->second;
+    if (tracked) {
+        if (debug) LOG_INFO("reset binder %u", found->second.tgid);
+        found->second.clear_sample();
+    }
+
+    const uint32_t uid = parse_real_uid(read_task_file(path, "/status"));
+    if (monitor_uids.count(uid) == 0) {
+        if (!tracked) return nullptr;
+        if (debug) LOG_INFO("binder thread %u removed because of uid invalid.", tid);
+        binder_threads.erase(found);
+        return nullptr;
+    }
+    proc& thread = binder_threads[tid];
+    thread.uid = uid;
+    thread.tgid = pid;
+    return &thread;
+}
+
+bool BinderMonitor::is_monitor_state(char state, const std::string& wchan) const {
+    return is_blocked_state(state) || wchans.count(wchan) != 0;
+}
+
+std::string BinderMonitor::get_wchan(const std::string& task_dir) {
+    std::string wchan = read_task_file(task_dir, "/wchan");
+    cut_at_separator(&wchan);
+    return wchan;
+}
+
+void BinderMonitor::scan_process(std::set<int> zygote_pids) {
+    std::vector<int32_t> unmet;
+    for (auto& [tid, thread] : binder_threads) {
+        if (thread.alive) {
+            judge_thread(&thread, zygote_pids);
+        } else {
+            unmet.push_back(tid);
+        }
+    }
+    for (const int32_t tid : unmet) {
+        if (debug) LOG_INFO("binder thread %u removed.", tid);
+        binder_threads.erase(tid);
+    }
+}
+
+void BinderMonitor::judge_thread(proc* thread, const std::set<int>& zygote_pids) {
+    if (thread->frozen) {
+        if (debug) LOG_INFO("binder thread %s frozen.", thread->comm);
+        return;
+    }
+    if (!is_monitor_state(thread->state, thread->wchan)) {
+        thread->count = 0;
+        return;
+    }
+    if (debug) {
+        LOG_INFO("%s %u state=%c wchan=%s count=%lld", thread->comm, thread->pid, thread->state,
+                 thread->wchan.c_str(), static_cast<long long>(thread->count));
+    }
+    // In shell mode the set is empty, and finding the thread has told whose child it is.
+    if (!zygote_pids.empty()) {
+        thread->zygote_child = zygote_pids.count(static_cast<int>(thread->ppid)) != 0;
+        if (debug) LOG_INFO("thread %s is forked by zygote:%d", thread->comm, thread->zygote_child);
+    }
+    if (thread->count < timeout / 2) return;
+
+    thread->count = 0;
+    if (!is_blocked_state(thread->state)) {
+        respond_waiting(thread);
+    } else if (respond_blocked(thread, thread->zygote_child, timeout) && debug) {
+        LOG_INFO("dumped hung proc:%u parent=%u stat=%c", thread->tgid, thread->ppid,
+                 thread->state);
+    }
+}
+
+// A thread that sleeps in a listed wait channel.
+void BinderMonitor::respond_waiting(proc* thread) {
+    if (!thread->reported) {
+        dump_stacks(thread->tgid, thread->zygote_child);
+        thread->reported = true;
+        if (debug) {
+            LOG_INFO("dumped hung proc:%u parent=%u wchan=%s", thread->tgid, thread->ppid,
+                     thread->wchan.c_str());
+        }
+        return;
+    }
+    // Nothing stands between the wait channel and the seconds: log readers know the line so.
+    std::string report = "pid:" + std::to_string(thread->tgid) +
+                         " ppid:" + std::to_string(thread->ppid) + " wchan: " + thread->wchan +
+                         whole_seconds(timeout);
+    handle_policy(static_cast<int>(thread->tgid), report);
+}
