@@ -1,4 +1,4 @@
-# Sourced by the commands of this directory: what they do alike.
+# Sourced by the commands of this directory: what they do alike. Answers --help for all of them.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 command=$(realpath "$0")
@@ -28,6 +28,10 @@ build() {
     exit 1
 }
 
+if [[ ${1-} == -h || ${1-} == --help ]]; then
+    usage
+    exit
+fi
 if [[ $root == *[[:blank:]:]* ]]; then
     refuse "the path of this clone has a blank or a colon, which LD_PRELOAD cannot take: move it"
 fi
