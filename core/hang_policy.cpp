@@ -15,7 +15,7 @@ void panic(std::string& report) {
     write_kmsg(report);
     do_sys_rq("w");
     do_sys_rq("l");
-    usleep(kDumpTime);
+    usleep(kDumpTimeUs);
     do_sys_rq("c");
 }
 

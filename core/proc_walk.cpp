@@ -21,10 +21,10 @@ void check_thread_entry(const dirent64* entry, const std::string& process_name, 
                         const std::string& task_dir) {
     std::string filtered_path;
     if (!get_valid_tid_dir(entry, &filtered_path)) return;
-    std::string thread_dir = task_dir + entry->d_name;
+    std::string path = task_dir + entry->d_name;
     const int tid = atoi(entry->d_name);
-    std::string comm = get_comm(thread_dir);
-    Config::get().check_thread(process_name, pid, std::move(comm), tid, std::move(thread_dir));
+    std::string comm = get_comm(path);
+    Config::get().check_thread(process_name, pid, std::move(comm), tid, std::move(path));
 }
 
 // Visits the threads of one process; false, with a log line, when its task directory cannot be

@@ -19,6 +19,6 @@ void alarm_handler(int /*signal*/) {
     LOG_ERROR("Self stuck! restarting...");
     do_sys_rq("w");
     do_sys_rq("l");
-    usleep(kDumpTime);
+    usleep(kDumpTimeUs);
     kill(getpid(), SIGKILL);
 }

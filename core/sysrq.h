@@ -2,9 +2,9 @@
 
 #include <sys/types.h>
 
-// How long the dumps that were asked for get to be written before anything else happens, in
-// microseconds: those of SysRq into the kernel log, those of a signal into the target's files.
-constexpr useconds_t kDumpTime = 3000000;
+// How long the dumps that were asked for, of SysRq or by a signal, get to be written before
+// anything else happens.
+constexpr useconds_t kDumpTimeUs = 3000000;
 
 // Hands one command to the kernel's magic SysRq: "w" dumps the blocked tasks, "l" the backtraces of
 // all active processors, "c" crashes the kernel. Works whatever kernel.sysrq allows, but needs

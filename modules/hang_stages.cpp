@@ -20,7 +20,7 @@ void dump_blocked(const proc& task, bool zygote_child) {
     }
     do_sys_rq("w");
     do_sys_rq("l");
-    usleep(kDumpTime);
+    usleep(kDumpTimeUs);
 }
 
 // "tid:1234 pid:1200 ppid:1 in D 120s"; a zombie's report has no tid.
@@ -33,13 +33,13 @@ std::string blocked_report(const proc& task, int64_t timeout) {
 
 }  // namespace
 
-void dump_stacks(uint32_t tgid, bool zygote_child) {
-    const auto pid = static_cast<pid_t>(tgid);
+void dump_stacks(uint32_t pid, bool zygote_child) {
+    const auto target = static_cast<pid_t>(pid);
     if (zygote_child) {
-        kill(pid, kManagedDumpSignal);
-        usleep(kDumpTime);
+        kill(target, kManagedDumpSignal);
+        usleep(kDumpTimeUs);
     }
-    kill(pid, kNativeDumpSignal);
+    kill(target, kNativeDumpSignal);
 }
 
 bool respond_blocked(proc* task, bool zygote_child, int64_t timeout) {

@@ -28,8 +28,8 @@ struct proc {
     int64_t count = 0;           // [s] stuck time in ms: no progress since the last stage
     char state = '?';            // [s] one-letter scheduler state, '?' while unknown
     char comm[16] = {};          // [s] task name, 15 characters at most
-    // Met: in the last listing or walk (binder detector); since the process was bound, until
-    // unbound (process detector).
+    // Met: by the last walk or listing. In the process detector's walks: ever since its process
+    // was bound.
     bool alive = false;
     bool reported = false;      // [s] dumped for the current hang; cleared by progress
     bool frozen = false;        // [s] in the frozen group of the cgroup v1 freezer

@@ -15,7 +15,7 @@ constexpr int kCommandOutputSize = 1024;
 void exec_command(const char* command, char* output);
 
 // Runs `command` and hands each line of its output to `take_line`, its line feed included; a line
-// of more than 1023 bytes comes in pieces of that size. False when the command cannot be started.
-// `debug` gates the log line about a failed close.
+// of more than 1023 bytes comes in pieces of that size. False, for the caller to log, when the
+// command cannot be started. `debug` gates the log line about a failed close.
 bool read_lines(const std::string& command, bool debug,
                 const std::function<void(const char* line)>& take_line);

@@ -53,8 +53,9 @@ void BinderMonitor::check_thread(std::string /*name*/, int pid, std::string comm
     thread->wchan = get_wchan(path);
 }
 
-// The record of a thread; null where its user is not monitored. A thread that is new, or whose id
-// was last met in another process, is looked up by its user.
+// The record of a thread; null where its user, who is asked for when the thread is new or its id
+// was last met in another process, is not monitored. In the latter case the record starts anew, or
+// goes.
 proc* BinderMonitor::bind_thread(int pid, int tid, const std::string& path) {
     const auto found = binder_threads.find(tid);
     const bool tracked = found != binder_threads.end();
@@ -115,7 +116,7 @@ void BinderMonitor::judge_thread(proc* thread, const std::set<int>& zygote_pids)
         LOG_INFO("%s %u state=%c wchan=%s count=%lld", thread->comm, thread->pid, thread->state,
                  thread->wchan.c_str(), static_cast<long long>(thread->count));
     }
-    // In shell mode the set is empty, and finding the thread has told whose child it is.
+    // Without a zygote the flag stays as it was; in shell mode finding the thread has set it.
     if (!zygote_pids.empty()) {
         thread->zygote_child = zygote_pids.count(static_cast<int>(thread->ppid)) != 0;
         if (debug) LOG_INFO("thread %s is forked by zygote:%d", thread->comm, thread->zygote_child);

@@ -1,5 +1,4 @@
 #include <cstdlib>
-#include <string>
 #include <vector>
 
 #include "core/log.h"

@@ -242,7 +242,7 @@ bool ProcessMonitor::judge_thread(const std::string& name, process_info* process
     thread->count = 0;
 
     if (!thread->alive || thread->state == 'S') {
-        respond_unswitched(name, *process, thread);
+        respond_missing_or_unswitched(name, *process, thread);
         return true;
     }
     if (is_blocked_state(thread->state)) {
@@ -253,8 +253,8 @@ bool ProcessMonitor::judge_thread(const std::string& name, process_info* process
 }
 
 // A watched thread that is missing, or one that sleeps and is never switched to.
-void ProcessMonitor::respond_unswitched(const std::string& name, const process_info& process,
-                                        proc* thread) {
+void ProcessMonitor::respond_missing_or_unswitched(const std::string& name,
+                                                   const process_info& process, proc* thread) {
     if (!thread->reported) {
         dump_stacks(thread->tgid, process.zygote_child);
         log_dumped(process, *thread);

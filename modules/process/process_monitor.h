@@ -24,8 +24,8 @@ struct process_info {
     // watched as a whole has exactly one entry, under the process name: its main thread.
     std::unordered_map<std::string, proc> threads;
 
-    // The only entry of a `main_only` process; it also stands in for a main thread that is a
-    // zombie.
+    // The only entry of a `main_only` process. Of any other it is whichever comes first; it lends
+    // its record to the main thread while that is a zombie.
     proc& first_thread() { return threads.begin()->second; }
 
     // Ends the binding to a live process and forgets every thread's sample.
@@ -44,7 +44,8 @@ class ProcessMonitor : public Module {
     process_info* proc_lookup(const char* name);
 
     // Refreshes every watched task from its recorded ids, without a walk; true at the first one
-    // that is missing or runs under another name. The tasks before that one stay refreshed.
+    // that is missing, was not met yet or runs under another name. The tasks before that one stay
+    // refreshed. A process that is gone but for its id is unbound.
     bool need_traverse() override;
     bool check_process(std::string name, int pid, std::string path) override;
     void scan_process(std::set<int> zygote_pids) override;
@@ -71,14 +72,15 @@ class ProcessMonitor : public Module {
     void bind_thread_sh(const std::string& name, int pid, proc* thread);
     void check_thread_sh(const std::string& name, const process_info& process, proc* thread);
 
-    // Whether a live thread that stands still may be hung: blocked, or the sleeping watchdog of a
-    // child of the zygote.
+    // Whether a live thread would be hung if it stood still: blocked, or the sleeping watchdog of
+    // a child of the zygote.
     static bool is_candidate(const proc& thread);
 
     // Judging; true when a stage of the response was carried out.
     bool judge_thread(const std::string& name, process_info* process, proc* thread,
                       const std::set<int>& zygote_pids);
-    void respond_unswitched(const std::string& name, const process_info& process, proc* thread);
+    void respond_missing_or_unswitched(const std::string& name, const process_info& process,
+                                       proc* thread);
     void log_dumped(const process_info& process, const proc& thread) const;
 
     int64_t interval;

@@ -1,7 +1,5 @@
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "core/log.h"
 #include "modules/process/process_monitor.h"
@@ -11,9 +9,6 @@
 #include "proc/string_split.h"
 
 namespace {
-
-// A longer command is cut.
-constexpr size_t kCommandSize = 1024;
 
 // The start of a command's output, cut at blanks only: a line feed stays within its column.
 std::vector<std::string> run_and_split(const std::string& command) {
@@ -97,7 +92,7 @@ void ProcessMonitor::check_main_thread_sh(process_info* process) {
 
 // Binds the thread to the tid that is listed under its name, or unbinds it.
 void ProcessMonitor::bind_thread_sh(const std::string& name, int pid, proc* thread) {
-    char command[kCommandSize];
+    char command[1024];  // a longer one is cut
     snprintf(command, sizeof(command), "ps -T -p %u |grep %s", pid, name.c_str());
     const std::vector<std::string> columns = run_and_split(command);
     if (columns.size() < ps_threads::kName) {  // the name itself may be missing
