@@ -5,8 +5,10 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "core/log.h"
 #include "modules/binder/binder_monitor.h"
@@ -90,9 +92,10 @@ void read_monitor_process(const Json::Value& section, Config* config) {
     config->process_enable = section["enable"].asBool();
     if (!config->process_enable) return;
     for (const Json::Value& item : get_array(section, "list")) {
+        std::set<std::string> threads;
+        insert_strings(get_array(item, "thread"), &threads);
         // The first entry of a process wins; a later one is dropped with its threads.
-        const auto [entry, is_new] = config->process_list.try_emplace(item["process"].asString());
-        if (is_new) insert_strings(get_array(item, "thread"), &entry->second);
+        config->process_list.emplace(item["process"].asString(), std::move(threads));
     }
     config->process_enable = !config->process_list.empty();
 }

@@ -8,6 +8,7 @@
 #define LOG_INFO(...) __android_log_print(ANDROID_LOG_INFO, "tovrel", __VA_ARGS__)
 #define LOG_ERROR(...) __android_log_print(ANDROID_LOG_ERROR, "tovrel", __VA_ARGS__)
 
-// The debug switch of the free functions: the scan loop, the /proc readers, exec_command() and the
-// hang policy. Copied from Config when the scan loop is entered, false before.
+// The debug switch of the free functions: the scan loop, the /proc readers, exec_command(), the
+// hang policy and the echo of the kernel log. Copied from Config just before the scan loop, false
+// until then.
 inline bool debug_gate = false;

@@ -1,5 +1,7 @@
 #include "core/proc_walk.h"
 
+#include <dirent.h>
+
 #include <cstdlib>
 #include <string>
 #include <utility>

@@ -8,8 +8,8 @@
 // Installs alarm_handler() for SIGALRM.
 void install_self_watchdog();
 
-// Gives the turn that begins now twice the hang time-out (ms) to end. A time-out below 500 ms
-// switches the watchdog off.
+// Gives the turn that begins now twice the hang time-out (ms) to end, in whole seconds. Where that
+// is none, below 500 ms, nothing watches the daemon.
 void arm_self_watchdog(int64_t timeout);
 
 // Has the kernel dump its blocked tasks and the backtraces of all processors, which show where the

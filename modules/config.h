@@ -46,7 +46,7 @@ class Config : public Module {
     void check_thread(std::string name, int pid, std::string comm, int tid,
                       std::string path) override;
 
-    // The value of a system property, `default_value` when it is unset or empty.
+    // The value of a system property, `default_value` when it is unset or empty. Logged with debug.
     std::string get_prop_string(const char* name, const char* default_value) const;
 
     // Applies the system properties that override the configuration file, builds the process
@@ -65,7 +65,7 @@ class Config : public Module {
     int64_t interval = 0;           // between two scans
     int64_t interval_min = 0;       // lower bound of `interval`
     int64_t log_timeout = 0;        // a scan that costs more is logged
-    int32_t round = 0;              // scans per time-out
+    int32_t round = 0;              // scans per time-out, 0 until the file was read
     std::set<std::string> hw_list;  // board platforms on which the daemon is on by default
     ProcessList process_list;
 

@@ -34,7 +34,7 @@ class Module {
     // the task directory could not be opened.
     virtual void post_check(std::string /*name*/, std::string /*path*/) {}
 
-    // One thread of process `pid` named `name`: its own name `comm`, its id and its directory
+    // One thread, of the process `name` and `pid`: its own name `comm`, its id and its directory
     // "/proc/<pid>/task/<tid>".
     virtual void check_thread(std::string /*name*/, int /*pid*/, std::string /*comm*/, int /*tid*/,
                               std::string /*path*/) {}

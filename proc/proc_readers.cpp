@@ -25,8 +25,8 @@ struct StatFields {
 };
 
 // /proc/<pid>/stat: "1234 (surfaceflinger) S 1 1234 0 0 -1 4194560 9 0 0 0 17 5 ...": pid, name,
-// state, parent, nine fields passed over, utime, stime. The name ends at its first ')': a task that
-// has one inside its name is not sampled.
+// state, parent, nine fields passed over, utime, stime. A name that is empty, has a ')' within
+// or is longer than 16 characters, as those of kernel threads may be, derails the parsing.
 bool parse_stat(const std::string& text, StatFields* fields) {
     return sscanf(text.c_str(), "%u (%16[^)]) %c %u %*d %*d %*d %*d %*d %*d %*d %*d %*d %u %u",
                   &fields->pid, fields->name, &fields->state, &fields->ppid, &fields->utime,

@@ -21,7 +21,7 @@ bool read_lines(const std::string& command, bool debug,
                 const std::function<void(const char* line)>& take_line) {
     FILE* stream = popen(command.c_str(), "r");
     if (stream == nullptr) return false;
-    char line[1024] = {};
+    char line[kCommandOutputSize] = {};
     while (fgets(line, sizeof(line), stream) != nullptr) take_line(line);
     if (pclose(stream) == -1 && debug) LOG_ERROR("close fail.");
     return true;

@@ -5,7 +5,7 @@
 
 // Commands run by the shell, in shell mode: the platform's ps and grep.
 
-// Size of the buffer that exec_command() fills.
+// Size of the buffer that exec_command() fills, and of the one for a line.
 constexpr int kCommandOutputSize = 1024;
 
 // Runs `command` and reads the start of its output into `output`, kCommandOutputSize bytes; what

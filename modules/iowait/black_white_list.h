@@ -46,7 +46,7 @@ class BlackWhiteList : public Module {
     void pre_check() override;
 
     std::set<std::string> list;  // program names to look for
-    int32_t mode = 0;            // 1 black list, 0 white list
+    int32_t mode = 0;            // a ListMode
     int32_t io_time = 0;
     int32_t io_task = 0;
 
