@@ -1,6 +1,7 @@
 #include "world.h"
 
 #include <android/log.h>
+#include <cutils/android_reboot.h>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -21,10 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <sstream>
 #include <thread>
-#include <utility>
-#include <vector>
 
 int tovrel_main();
 
@@ -47,26 +45,23 @@ World* world;  // set in the forked child only
 int event_file;
 int64_t start_ms;
 std::atomic<int> queued;  // ids that the worker thread has not written yet
-sighandler_t signal_handler;
 std::map<int, OpenFile> open_files;
 std::recursive_mutex world_mutex;
 
-std::pair<std::string, std::string> cut(const std::string& text, const std::string& at) {
-    const size_t end = std::min(text.find(at), text.size());
-    return {text.substr(0, end), text.substr(std::min(end + at.size(), text.size()))};
+// A file or pipe that the daemon has left open. /proc may wait for the first walk.
+std::string leaked_file() {
+    const std::lock_guard lock(world_mutex);
+    for (const auto& [fd, file] : open_files) {
+        if (file.path != "/proc/") return file.path;
+    }
+    return "";
 }
 
 [[noreturn]] void end_run() {
-    const auto leaked = [] {
-        const std::lock_guard lock(world_mutex);
-        for (const auto& [fd, file] : open_files) {
-            if (file.path != "/proc/") return file.path;  // that one may wait for the first walk
-        }
-        return std::string();
-    };
     // The worker thread may be about to close its file.
-    for (int i = 0; i < 5000 && !leaked().empty(); ++i) poll(nullptr, 0, 1);
-    if (!leaked().empty()) record("leaked " + leaked());
+    for (int i = 0; i < 5000 && !leaked_file().empty(); ++i) poll(nullptr, 0, 1);
+    if (!leaked_file().empty()) record("leaked", leaked_file());
+    if (world->failing_call > world->calls) record("spared");
     _exit(0);
 }
 
@@ -115,12 +110,12 @@ int open_played(const std::string& path, int flags) {
     if (!is_directory) return fd;
     for (auto below = world->files.lower_bound(path);
          below != world->files.end() && below->first.rfind(path, 0) == 0; ++below) {
-        const std::string name = below->first.substr(path.size());
+        const auto [name, rest] = cut(below->first.substr(path.size()), "/");
         // A type of 0 leaves it to the daemon to find out.
-        const bool untyped = world->files.count("untyped " + cut(name, "/").first) != 0;
-        const char type = untyped ? '0' : name.find('/') != std::string::npos ? '4' : '8';
-        const std::string entry = type + cut(name, "/").first;
-        if (entry.size() > 1 && file.entries.back() != entry) file.entries.push_back(entry);
+        const char type = world->untyped.count(name) != 0 ? '0' : rest.empty() ? '8' : '4';
+        if (!name.empty() && file.entries.back() != type + name) {
+            file.entries.push_back(type + name);
+        }
     }
     return fd;
 }
@@ -144,123 +139,34 @@ long getdents_played(int fd, char* buffer, size_t size) {
     return static_cast<long>(used);
 }
 
-void put_task(const std::string& ids, std::istringstream& words) {
-    const auto [pid, thread] = cut(ids, "/");
-    const std::string tid = thread.empty() ? pid : thread;
-    std::string comm, state, word;
-    words >> comm >> state;
-    std::map<std::string, std::string> keys = {{"cmd", comm},  {"ppid", "1"}, {"ticks", "7"},
-                                               {"runs", "5"},  {"uid", "9"},  {"wchan", "0"},
-                                               {"cgroup", "/"}};
-    while (words >> word) keys[cut(word, "=").first] = cut(word, "=").second;
-    const std::string process = "/proc/" + pid;
-    for (const std::string& directory : {process + "/task/" + tid, process}) {
-        if (directory == process && tid != pid) break;
-        auto& files = world->files;
-        files[directory + "/stat"] = tid + " (" + comm + ") " + state + " " + keys["ppid"] +
-                                     " 1 1 0 -1 4194560 9 8 7 6 " + keys["ticks"] + " 1 0 0 20\n";
-        files[directory + "/cgroup"] = "4:freezer:" + keys["cgroup"] + "\n";
-        files[directory + "/schedstat"] = "900 80 " + keys["runs"] + "\n";
-        files[directory + "/comm"] = comm + "\n";
-        files[directory + "/wchan"] = keys["wchan"];
-        files[directory + "/status"] = "Name:\tx\nUid:\t" + keys["uid"] + "\t0\t0\t0\n";
-        if (directory == process) files[directory + "/cmdline"] = keys["cmd"];
-    }
-}
-
-void take_step(const std::string& step) {
-    std::istringstream words(step);
-    std::string verb;
-    words >> verb >> std::ws;
-    const std::string rest = step.substr(std::min(step.size(), verb.size() + 1));
-    const auto [key, value] = cut(rest, verb == "sh" ? "=>" : "=");
-    const auto [first, last] = cut(verb, "..");
-    if (!last.empty()) {
-        for (int pid = std::stoi(first); pid <= std::stoi(last); ++pid) {
-            take_step(std::to_string(pid) + " " + rest);
-        }
-    } else if (isdigit(verb[0])) {
-        put_task(verb, words);
-    } else if (verb[0] == '-') {
-        const auto [pid, tid] = cut(verb.substr(1), "/");
-        const std::string directory = "/proc/" + pid + (tid.empty() ? "/" : "/task/" + tid + "/");
-        auto& files = world->files;
-        files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
-    } else if (verb == "file") {
-        world->files[key] = value;
-    } else if (verb == "unlink") {
-        world->files.erase(rest);
-    } else if (verb == "conf") {
-        must(Json::Reader().parse(value, world->config[key]));
-    } else if (verb == "prop") {
-        world->properties[key] = value;
-    } else if (verb == "sh") {
-        world->commands[key] = value;
-    } else if (verb == "fail") {
-        world->failures[key] = std::stoi(value);
-    } else if (verb == "signal") {
-        signal_handler(std::stoi(rest));
-    } else if (verb == "late" || verb == "cost") {
-        (verb == "late" ? world->late_ms : world->cost_ms) = std::stoi(rest);
-    } else if (verb == "until") {
-        world->until_ms = std::stoi(rest) * 1000;
-    } else if (verb == "turns") {
-        world->turns = std::stoi(rest);
-    } else {
-        must(false);
-    }
-}
-
-// Joins the watched ones of the recorded "TIME\x1ftext\x1e".
-std::string list_events(const std::string& recorded, const std::string& watch) {
+// Joins the recorded "TIME\x1ftext" to "@TIME text, text @TIME text".
+std::string list_events(const std::string& recorded, const World& told) {
     regex_t watched;
-    must(regcomp(&watched, ("^(" + watch + ")").c_str(), REG_EXTENDED | REG_NOSUB) == 0);
-    std::string list, last_time;
-    std::istringstream events(recorded);
-    for (std::string event; std::getline(events, event, '\x1e');) {
+    must(regcomp(&watched, ("^(leaked|spared|" + told.watched + ")").c_str(), REG_EXTENDED) == 0);
+    std::string list, last_time = "none";
+    std::vector<std::string> turn;
+    const auto end_turn = [&] {
+        if (told.sorted) std::sort(turn.begin(), turn.end());
+        for (size_t i = 0; i < turn.size(); ++i) list += (i == 0 ? " " : ", ") + turn[i];
+        turn.clear();
+    };
+    for (const std::string& event : split(recorded, "\x1e")) {
         const auto [time, text] = cut(event, "\x1f");
         if (regexec(&watched, text.c_str(), 0, nullptr, 0) != 0) continue;
-        list += time == last_time ? ", " : (list.empty() ? "@" : " @") + time + " ";
-        for (const char c : text) list += c == '\n' ? std::string("\\n") : std::string(1, c);
-        last_time = time;
+        if (time != std::exchange(last_time, time)) {
+            end_turn();
+            list += (list.empty() ? "@" : " @") + time;
+        }
+        turn.push_back(text);
     }
+    end_turn();
     regfree(&watched);
-    return list;
+    return list.empty() ? "nothing" : list;
 }
 
 }  // namespace
 
-World::World(const std::string& story) {
-    for (const char* path : {"/dev/kmsg", "/proc/sysrq-trigger", "/proc/version"}) files[path] = "";
-    for (const char* name : {"global_detect_mode", "max_iowait_timeout_cnt", "max_iowait_task_cnt",
-                             "per_task_detect_mode"}) {
-        files[std::string("/proc/sys/hung_task_enh/") + name] = "";
-    }
-    // A scan each second; a dump after 4 s of standing still, a report after 4 more.
-    apply("conf switches={\"main\":true,\"debug\":true}; conf policy=\"reboot\";"
-          "conf scan={\"timeout_second\":8,\"round\":8,\"interval_min_second\":1,"
-          "\"log_timeout_second\":99}; conf monitor_process={}; conf monitor_binder={};"
-          "conf default_open_hw_list={}; conf black_white_list={};" +
-          story);
-}
-
-void World::apply(const std::string& story) {
-    World* const outer = world;
-    if (outer != this) world = this;
-    std::istringstream steps(story);
-    for (std::string step; std::getline(steps, step, ';');) {
-        step.erase(0, step.find_first_not_of(' '));
-        if (step[0] == '@') {
-            const auto [time, later] = cut(step.substr(1), " ");
-            pending.emplace(std::stoi(time) * 1000, later);
-        } else if (!step.empty()) {
-            take_step(step);
-        }
-    }
-    if (outer != this) world = outer;
-}
-
-std::string World::run(const std::string& watch, const std::function<void()>& body) {
+std::string World::run(const std::function<void()>& body) {
     Json::Value document;
     document["Config"] = config;
     files.emplace("/vendor/etc/tovrel.json", document.toStyledString());
@@ -278,15 +184,14 @@ std::string World::run(const std::string& watch, const std::function<void()>& bo
     }
     int status = 0;
     waitpid(child, &status, 0);
-    lseek(events, 0, SEEK_SET);
     std::string recorded(lseek(events, 0, SEEK_END), '\0');
     must(pread(events, recorded.data(), recorded.size(), 0) == ssize_t(recorded.size()));
     close(property_file);
     close(events);
-    return list_events(recorded, watch) + (status == 0 ? "" : " died " + std::to_string(status));
+    return list_events(recorded, *this) + (status == 0 ? "" : " died " + std::to_string(status));
 }
 
-void record(const std::string& event) {
+void add_event(const std::string& event) {
     const std::lock_guard lock(world_mutex);
     if (world->on_event) world->on_event(event);
     // What the worker thread of the I/O-wait list still has to do with its file.
@@ -298,7 +203,9 @@ void record(const std::string& event) {
     }
     if (!world->recording) return;
     std::ostringstream line;
-    line << (world->now_ms - start_ms) / 1000.0 << '\x1f' << event << '\x1e';
+    line << (world->now_ms - start_ms) / 1000.0 << '\x1f';
+    for (const char c : event) line << (c == '\n' ? "\\n" : c == '\0' ? "\\0" : std::string(1, c));
+    line << '\x1e';
     must(REAL(write)(event_file, line.str().data(), line.str().size()) > 0);
 }
 
@@ -308,6 +215,19 @@ size_t open_file_count() {
 
 void must(bool holds) {
     if (!holds) abort();
+}
+
+std::pair<std::string, std::string> cut(const std::string& text, const std::string& at) {
+    const size_t end = std::min(text.find(at), text.size());
+    return {text.substr(0, end), text.substr(std::min(end + at.size(), text.size()))};
+}
+
+std::vector<std::string> split(const std::string& text, const std::string& at) {
+    std::vector<std::string> pieces;
+    for (std::string rest = text; !rest.empty(); rest = cut(rest, at).second) {
+        pieces.push_back(cut(rest, at).first);
+    }
+    return pieces;
 }
 
 // The calls through which the daemon and the libraries under it reach the system. Outside of a run
@@ -324,6 +244,7 @@ int open(const char* path, int flags, ...) {
 int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 int close(int fd) {
+    must(fd >= 0);
     const std::lock_guard lock(world_mutex);
     open_files.erase(fd);
     return REAL(close)(fd);
@@ -337,14 +258,13 @@ ssize_t read(int fd, void* data, size_t size) {
 }
 
 ssize_t write(int fd, const void* data, size_t size) {
+    must(fd >= 0);
     const std::lock_guard lock(world_mutex);
     const auto file = open_files.find(fd);
     if (file == open_files.end()) return REAL(write)(fd, data, size);
     const std::string& path = file->second.path;
     if (fails("write " + path)) return -1;
-    std::string text(static_cast<const char*>(data), size);
-    std::replace(text.begin(), text.end(), '\0', '.');
-    record(path.substr(path.rfind('/') + 1) + " " + text);
+    record(path.substr(path.rfind('/') + 1), std::string(static_cast<const char*>(data), size));
     return static_cast<ssize_t>(size);
 }
 
@@ -362,8 +282,23 @@ long syscall(long number, ...) {
 
 int lstat(const char* path, struct stat* status) noexcept {
     if (!is_played(path)) return REAL(lstat)(path, status);
+    record("lstat", path);
     status->st_mode = exists_below(std::string(path) + "/") ? S_IFDIR : S_IFREG;
     return fails(std::string("lstat ") + path) ? -1 : 0;
+}
+
+FILE* popen(const char* command, const char* mode) {
+    record("popen", mode, command);
+    if (fails(std::string("popen ") + command)) return nullptr;
+    const int fd = data_file(world->output_of(command));
+    open_files[fd].path = command;
+    return fdopen(fd, mode);
+}
+
+int pclose(FILE* stream) {
+    open_files.erase(fileno(stream));
+    fclose(stream);
+    return fails("pclose") ? -1 : 0;
 }
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
@@ -376,7 +311,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 int usleep(useconds_t us) {
     while (queued > 0) std::this_thread::yield();
     const std::lock_guard lock(world_mutex);
-    record("usleep " + std::to_string(us));
+    record("usleep", us);
     world->now_ms += us / 1000 + world->late_ms;
     return 0;
 }
@@ -387,11 +322,11 @@ unsigned alarm(unsigned seconds) noexcept {
     if (world->turns-- == 0 || now > world->until_ms) end_run();
     const std::lock_guard lock(world_mutex);
     static int64_t calls_before = 0;
-    record("calls " + std::to_string(world->calls - std::exchange(calls_before, world->calls)));
-    record("alarm " + std::to_string(seconds));
+    record("calls", world->calls - std::exchange(calls_before, world->calls));
+    record("alarm", seconds);
     auto& pending = world->pending;
     for (; !pending.empty() && pending.begin()->first <= now; pending.erase(pending.begin())) {
-        take_step(pending.begin()->second);
+        world->take(pending.begin()->second);
     }
     if (world->on_turn) world->on_turn();
     return 0;
@@ -405,46 +340,29 @@ int pause() {
 }
 
 int kill(pid_t pid, int number) noexcept {
-    record("kill " + (pid == getpid() ? "self" : std::to_string(pid)) + " " +
-           std::to_string(number));
+    record("kill", pid == getpid() ? "self" : std::to_string(pid), number);
     if (pid == getpid()) end_run();
     return 0;
 }
 
-int prctl(int option, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, option);
-    record("prctl " + std::to_string(option) + " " + std::to_string(va_arg(arguments, int)));
-    va_end(arguments);
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+    record("signal", number);
+    return std::exchange(world->signal_handler, handler);
+}
+
+int prctl(int option, unsigned long value) noexcept {
+    record("prctl", option, value);
     return 0;
 }
 
 int sched_setscheduler(pid_t pid, int policy, const sched_param* param) noexcept {
-    record("sched_setscheduler " + std::to_string(pid) + " " + std::to_string(policy) + " " +
-           std::to_string(param->sched_priority));
+    record("sched_setscheduler", pid, policy, param->sched_priority);
     return 0;
 }
 
-sighandler_t signal(int number, sighandler_t handler) noexcept {
-    record("signal " + std::to_string(number));
-    return std::exchange(signal_handler, handler);
-}
-
-FILE* popen(const char* command, const char* mode) {
-    record("popen " + std::string(mode) + " " + command);
-    if (fails(std::string("popen ") + command)) return nullptr;
-    return fdopen(data_file(world->commands[command]), mode);
-}
-
-int pclose(FILE* stream) {
-    fclose(stream);
-    return fails("pclose") ? -1 : 0;
-}
-
 int android_reboot(unsigned command, int flags, const char* reason) {
-    std::ostringstream text;
-    text << "reboot " << std::hex << command << " " << flags << " " << reason;
-    record(text.str());
+    must(command == ANDROID_RB_RESTART2 && flags == 0);
+    record("reboot", reason);
     return -1;
 }
 
@@ -455,7 +373,7 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
     vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     must(strcmp(tag, "tovrel") == 0);
-    record(std::string(1, "..VDIWEF"[priority]) + " " + text);
+    record("..VDIWEF"[priority], text);
     return 1;
 }
 }

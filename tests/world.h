@@ -5,56 +5,68 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 // The world around the daemon. The test program's own definitions of the system calls (world.cpp)
 // play it to the daemon's unchanged objects: files are data, time is virtual, and what would touch
-// the device is recorded. Every run is a forked child, so that it begins with a fresh process.
-//
-// A story is a list of steps, separated by ';'. "@N" before a step puts it off to the first turn of
-// the scan loop that begins N seconds after the start or later. Steps:
-//   PID[/TID] COMM STATE [KEY=VALUE...]  a task (its files under /proc) comes or changes; keys are
-//                                        cmd, ppid, ticks, runs, uid, wchan, cgroup
-//   FIRST..LAST COMM STATE               a range of processes
-//   -PID[/TID]                           it goes
-//   file PATH=TEXT, unlink PATH          one file; a path that ends in '/' is a directory
-//   file untyped NAME=                   getdents64 does not tell the type of entries of this name
-//   conf KEY=JSON                        a key of the configuration's "Config"
-//   prop NAME=VALUE                      a system property
-//   sh COMMAND=>OUTPUT                   what a shell command prints
-//   fail CALL=ERRNO                      every "CALL", such as "open /dev/kmsg", fails; just the
-//                                        next one when ERRNO is negative; "=0" ends that
-//   signal NUMBER                        the handler that the daemon installed is called
-//   late MS, cost MS                     what a sleep, and a look at a command line, takes too long
-//   until SECONDS, turns N               when a run ends
-// Events are listed as "@SECONDS event, event @SECONDS event": log lines as "D|I|E text", files
-// written as "kmsg text" (the name of the file, a NUL shown as '.'), other calls by their name, and
-// at the top of every turn "calls N", the calls that could have failed in the turn before.
+// the device is recorded. It is told in steps and answers with events: see stories/README.md.
 class World {
   public:
-    explicit World(const std::string& story = "");
-    void apply(const std::string& story);
+    explicit World(const std::string& steps = "");
+    void take(const std::string& steps);
 
-    // Runs the daemon's main, or `body`. Returns the events that begin like the regular expression
-    // `watch`.
-    std::string run(const std::string& watch, const std::function<void()>& body = nullptr);
+    // Runs the daemon's main, or `body`, in a forked child, so that it begins with a fresh process.
+    // Returns the watched events, "nothing" when there are none.
+    std::string run(const std::function<void()>& body = nullptr);
+
+    // What `ps` and `grep` print, or what the steps put in the place of that.
+    std::string output_of(const std::string& command) const;
+
+    using Task = std::map<std::string, std::string>;  // by the keys of a step, and "comm", "state"
 
     Json::Value config;
-    std::map<std::string, std::string> files, properties, commands;
-    std::map<std::string, int> failures;
+    std::map<std::string, std::map<std::string, Task>> tasks;  // by process and thread id
+    std::map<std::string, std::string> files, properties, outputs;
+    std::set<std::string> untyped;
+    std::map<std::string, int> failures;  // errno, negative for the next call alone
     std::multimap<int64_t, std::string> pending;  // steps, by their time in ms
-    std::function<void()> on_turn;                // at the top of every turn of the loop
-    std::function<void(const std::string& event)> on_event;
+    std::string watched = "kill|kmsg";
+    bool sorted = false;
     int64_t now_ms = 1000000, late_ms = 0, cost_ms = 0, until_ms = 16000, turns = 1000;
+    void (*signal_handler)(int) = nullptr;  // the daemon's
+
+    // For tests that do more than a story can tell.
+    std::function<void()> on_turn;  // at the top of every turn of the loop
+    std::function<void(const std::string& event)> on_event;
+    bool recording = true;  // false keeps no events, for long runs
     // Calls that can fail, counted from 1; number `failing_call` fails with `failing_errno`.
     int64_t calls = 0, failing_call = 0;
     int failing_errno = 0;
-    bool recording = true;  // false keeps no events, for long runs
+
+  private:
+    void take_step(const std::string& step);
+    void put_task(const std::string& ids, const std::string& description);
+    void remove_task(const std::string& ids);
 };
 
-// Inside a run: adds an event; how many files the daemon has open.
-void record(const std::string& event);
+// Inside a run: adds an event of these words; how many files and pipes the daemon has open.
+void add_event(const std::string& event);
+template <typename... Words>
+void record(const Words&... words) {
+    std::ostringstream event;
+    const char* gap = "";
+    ((event << std::exchange(gap, " ") << words), ...);
+    add_event(event.str());
+}
 size_t open_file_count();
 
 // Ends a run, and its test with it, unless `holds`.
 void must(bool holds);
+
+// What stands before and after the first `at`; the pieces between all of them.
+std::pair<std::string, std::string> cut(const std::string& text, const std::string& at);
+std::vector<std::string> split(const std::string& text, const std::string& at);
