@@ -52,11 +52,11 @@ std::string unescape(const std::string& text) {
 void register_heading(const std::string& suite, std::string heading, const std::string& file,
                       const std::vector<Story>& stories) {
     if (stories.empty()) return;
-    std::replace_if(heading.begin(), heading.end(), [](char c) { return !isalnum(c); }, '_');
+    std::replace_if(
+            heading.begin(), heading.end(), [](char c) { return !isalnum(c); }, '_');
     testing::RegisterTest(suite.c_str(), heading.c_str(), nullptr, nullptr, file.c_str(),
-                          stories[0].line, [=]() -> testing::Test* {
-                              return new Heading(file, stories);
-                          });
+                          stories[0].line,
+                          [=]() -> testing::Test* { return new Heading(file, stories); });
 }
 
 void register_file(const std::filesystem::path& path) {

@@ -44,6 +44,7 @@ struct OpenFile {
 World* world;  // set in the forked child only
 int event_file;
 int64_t start_ms;
+regex_t watched;
 std::atomic<int> queued;  // ids that the worker thread has not written yet
 std::map<int, OpenFile> open_files;
 std::recursive_mutex world_mutex;
@@ -61,7 +62,6 @@ std::string leaked_file() {
     // The worker thread may be about to close its file.
     for (int i = 0; i < 5000 && !leaked_file().empty(); ++i) poll(nullptr, 0, 1);
     if (!leaked_file().empty()) record("leaked", leaked_file());
-    if (world->failing_call > world->calls) record("spared");
     _exit(0);
 }
 
@@ -89,8 +89,7 @@ bool exists_below(const std::string& directory) {
 
 int data_file(const std::string& content) {
     const int fd = memfd_create("played", MFD_CLOEXEC);
-    must(REAL(write)(fd, content.data(), content.size()) >= 0);
-    lseek(fd, 0, SEEK_SET);
+    must(pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size()));
     return fd;
 }
 
@@ -140,28 +139,19 @@ long getdents_played(int fd, char* buffer, size_t size) {
 }
 
 // Joins the recorded "TIME\x1ftext" to "@TIME text, text @TIME text".
-std::string list_events(const std::string& recorded, const World& told) {
-    regex_t watched;
-    must(regcomp(&watched, ("^(leaked|spared|" + told.watched + ")").c_str(), REG_EXTENDED) == 0);
-    std::string list, last_time = "none";
-    std::vector<std::string> turn;
-    const auto end_turn = [&] {
-        if (told.sorted) std::sort(turn.begin(), turn.end());
-        for (size_t i = 0; i < turn.size(); ++i) list += (i == 0 ? " " : ", ") + turn[i];
-        turn.clear();
-    };
+std::string list_events(const std::string& recorded, bool sorted) {
+    std::map<double, std::vector<std::string>> turns;
     for (const std::string& event : split(recorded, "\x1e")) {
         const auto [time, text] = cut(event, "\x1f");
-        if (regexec(&watched, text.c_str(), 0, nullptr, 0) != 0) continue;
-        if (time != std::exchange(last_time, time)) {
-            end_turn();
-            list += (list.empty() ? "@" : " @") + time;
-        }
-        turn.push_back(text);
+        turns[std::stod(time)].push_back(text);
     }
-    end_turn();
-    regfree(&watched);
-    return list.empty() ? "nothing" : list;
+    std::ostringstream list;
+    for (auto& [time, events] : turns) {
+        if (sorted) std::sort(events.begin(), events.end());
+        list << (list.tellp() == 0 ? "@" : " @") << time;
+        for (size_t i = 0; i < events.size(); ++i) list << (i == 0 ? " " : ", ") << events[i];
+    }
+    return turns.empty() ? "nothing" : list.str();
 }
 
 }  // namespace
@@ -178,6 +168,7 @@ std::string World::run(const std::function<void()>& body) {
     if (child == 0) {
         event_file = events;
         start_ms = now_ms;
+        must(regcomp(&::watched, ("^(leaked|" + watched + ")").c_str(), REG_EXTENDED) == 0);
         world = this;
         body ? body() : static_cast<void>(tovrel_main());
         end_run();
@@ -188,7 +179,7 @@ std::string World::run(const std::function<void()>& body) {
     must(pread(events, recorded.data(), recorded.size(), 0) == ssize_t(recorded.size()));
     close(property_file);
     close(events);
-    return list_events(recorded, *this) + (status == 0 ? "" : " died " + std::to_string(status));
+    return list_events(recorded, sorted) + (status == 0 ? "" : " died " + std::to_string(status));
 }
 
 void add_event(const std::string& event) {
@@ -201,7 +192,7 @@ void add_event(const std::string& event) {
         (event[0] == 'E' && event.find(kPerTask) < event.size())) {
         --queued;
     }
-    if (!world->recording) return;
+    if (regexec(&watched, event.c_str(), 0, nullptr, 0) != 0) return;
     std::ostringstream line;
     line << (world->now_ms - start_ms) / 1000.0 << '\x1f';
     for (const char c : event) line << (c == '\n' ? "\\n" : c == '\0' ? "\\0" : std::string(1, c));
@@ -321,8 +312,7 @@ unsigned alarm(unsigned seconds) noexcept {
     const int64_t now = world->now_ms - start_ms;
     if (world->turns-- == 0 || now > world->until_ms) end_run();
     const std::lock_guard lock(world_mutex);
-    static int64_t calls_before = 0;
-    record("calls", world->calls - std::exchange(calls_before, world->calls));
+    record("calls", world->calls);
     record("alarm", seconds);
     auto& pending = world->pending;
     for (; !pending.empty() && pending.begin()->first <= now; pending.erase(pending.begin())) {

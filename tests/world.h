@@ -32,7 +32,7 @@ class World {
     std::map<std::string, std::map<std::string, Task>> tasks;  // by process and thread id
     std::map<std::string, std::string> files, properties, outputs;
     std::set<std::string> untyped;
-    std::map<std::string, int> failures;  // errno, negative for the next call alone
+    std::map<std::string, int> failures;          // errno, negative for the next call alone
     std::multimap<int64_t, std::string> pending;  // steps, by their time in ms
     std::string watched = "kill|kmsg";
     bool sorted = false;
@@ -42,13 +42,12 @@ class World {
     // For tests that do more than a story can tell.
     std::function<void()> on_turn;  // at the top of every turn of the loop
     std::function<void(const std::string& event)> on_event;
-    bool recording = true;  // false keeps no events, for long runs
     // Calls that can fail, counted from 1; number `failing_call` fails with `failing_errno`.
     int64_t calls = 0, failing_call = 0;
     int failing_errno = 0;
 
   private:
-    void take_step(const std::string& step);
+    void take_step(const std::string& verb, const std::string& rest);
     void put_task(const std::string& ids, const std::string& description);
     void remove_task(const std::string& ids);
 };
@@ -70,3 +69,8 @@ void must(bool holds);
 // What stands before and after the first `at`; the pieces between all of them.
 std::pair<std::string, std::string> cut(const std::string& text, const std::string& at);
 std::vector<std::string> split(const std::string& text, const std::string& at);
+
+// Many turns of a population that changes all the time (soak.cpp). Ends like a run; it dies when a
+// file or memory leaks, when the watchdog is not armed in a turn, when a healthy task is accused or
+// a stuck one is not. Without a `failing_call`, calls fail at random.
+std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call = 0);

@@ -1,0 +1,102 @@
+// What no story can tell.
+
+#include <gtest/gtest.h>
+
+#include "core/hang_policy.h"
+#include "core/log.h"
+#include "modules/config.h"
+#include "modules/iowait/black_white_list.h"
+#include "proc/shell_command.h"
+#include "proc/proc_readers.h"
+#include "proc/string_split.h"
+#include "world.h"
+
+TEST(Faults, NeitherStopTheDaemonNorAccuseAHealthyTask) {
+    for (const std::string mode : {"shell off;", "shell on;"}) {
+        EXPECT_EQ(soak(mode + "turns 600", 1), "nothing");
+        // Those of the start, one by one.
+        for (int call = 1; call <= 50; ++call) {
+            EXPECT_EQ(soak(mode + "turns 2", 1, call), "nothing") << call;
+        }
+    }
+}
+
+class Recorder : public Module {
+  public:
+    explicit Recorder(bool answer) : answer(answer) {}
+    bool need_traverse() override { return record("need_traverse"), answer; }
+    bool check_process(std::string name, int pid, std::string path) override {
+        return record("check_process", name, pid, path), answer;
+    }
+    void scan_process(std::set<int> zygotes) override { record("scan_process", zygotes.size()); }
+    void check_process_sh() override { record("check_process_sh"); }
+    void dump() override { record("dump"); }
+    void pre_check() override { record("pre_check"); }
+    void post_check(std::string name, std::string path) override {
+        record("post_check", name, path);
+    }
+    void check_thread(std::string name, int pid, std::string comm, int tid,
+                      std::string path) override {
+        record("check_thread", name, pid, comm, tid, path);
+    }
+
+  private:
+    const bool answer;
+};
+
+TEST(Config, HandsEveryOperationToTheModulesThatAreOn) {
+    const auto operations = [] {
+        Recorder off(true), yes(true), no(false);
+        yes.enable = no.enable = true;
+        Config& config = Config::get();
+        config.modules = {nullptr, &off, &no, &yes, &no};
+        must(config.need_traverse() && config.check_process("n", 1, "p"));
+        config.modules = {nullptr, &off, &no};
+        must(!config.need_traverse() && !config.check_process("n", 1, "p"));
+        config.check_thread("n", 1, "c", 2, "p");
+        config.post_check("n", "p");
+        config.pre_check();
+        config.check_process_sh();
+        config.scan_process({1, 2});
+        config.dump();
+    };
+    EXPECT_EQ(World("watch .").run(operations),
+              "@0 need_traverse, need_traverse, check_process n 1 p, check_process n 1 p, "
+              "check_process n 1 p, need_traverse, check_process n 1 p, check_thread n 1 c 2 p, "
+              "post_check n p, pre_check, check_process_sh, scan_process 2, dump");
+}
+
+TEST(Functions, HoldAtTheirLimits) {
+    const auto body = [] {
+        debug_gate = true;
+        std::string empty;
+        handle_policy(5, empty);
+        Config::get().policy = kPolicyKill;
+        handle_policy(5, empty);
+        Config::get().policy = kPolicyReboot;
+        handle_policy(5, empty);
+        read_stat(nullptr, "/proc/9", 500);
+        char output[kCommandOutputSize + 1];
+        for (const char* command : {"short", "long"}) {
+            memset(output, '.', sizeof(output));
+            exec_command(command, output);
+            record(strlen(output), std::string(output, 5));
+        }
+        exec_command(nullptr, output);
+        exec_command("long", nullptr);
+        BlackWhiteList iowait;
+        iowait.debug = true;
+        iowait.check_process_sh();
+        iowait.list = {"app"};
+        iowait.check_process("app", 5, "");
+        iowait.pre_check();
+        must(iowait.need_traverse());
+    };
+    EXPECT_EQ(World("watch .; sh short prints abc; sh long prints " + std::string(3000, 'x'))
+                      .run(body),
+              "@0 I nothing to do according to policy, I killing 5, kill 5 9, reboot tovrel, I "
+              "Null procRecord., popen r short, 1023 abc.., popen r long, 1023 xxxxx, E Empty bw "
+              "list., I bw add proc app pid=5, I bw proc app not found, traverse.");
+    EXPECT_EQ(string_split("a/b:c", "/:"), (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_EQ(string_split(" a b", ""), std::vector<std::string>{" a b"});
+}
