@@ -9,6 +9,7 @@ import os
 import re
 import sys
 import time as clocks
+from dataclasses import replace
 from typing import NamedTuple, Optional
 
 DATE = (r"(?P<date>(?:\d{4}-)?\d\d-\d\d)[ T](?P<clock>\d\d:\d\d:\d\d)(?:[.,]\d+)?"
@@ -25,7 +26,7 @@ FORMS = [re.compile(form) for form in (
     rf"(?P<tag>\w+) [VDIWEF] {DATE}\s+\d+\s+\d+ (?P<text>.*)",
     # dmesg and the console
     rf"(?:<\d+>)?\[{SECONDS}\]{CALLER}(?P<text>.*)",
-    rf"(?:<\d+>)?\[\w{{3}} (?P<human>\w{{3}} [ \d]\d \d\d:\d\d:\d\d \d{{4}})\]{CALLER}(?P<text>.*)")]
+    rf"(?:<\d+>)?\[\w+ (?P<human>\w+ [ \d]\d \d\d:\d\d:\d\d \d+)\]{CALLER}(?P<text>.*)")]
 
 # What the daemon writes.
 FOUND = re.compile(r"proc(?:ess)? (?P<process>\S+) pid changed(?: to (?P<pid>\d+))?\.|"
@@ -41,7 +42,6 @@ REPORT = re.compile(
     r"(?:tid:(?P<tid>\d+) |(?P<thread>\S+) in )?pid:(?P<pid>\d+) ppid:(?P<ppid>\d+)"
     r"(?: in (?P<state>[DTZ]|unswitch S) | (?P<missing>cannot start) | wchan: (?P<wchan>\S*?))"
     r"(?P<timeout>\d+)s")
-SELF_STUCK = "Self stuck! restarting..."
 NOTHING = "nothing to do according to policy"
 UNKNOWN = 2 ** 32 - 1  # how it prints an id that it does not have
 
@@ -61,17 +61,18 @@ ACT = re.compile(r".*(?:(?P<reboot>reboot,tovrel|command 'tovrel'|reason=tovrel)
 TELLING = re.compile(rb"tovrel|pid:|task:|sysrq|Linux|[DTZ] {2,9}.{1,40} 0x0")
 
 
-class Time(NamedTuple):
-    """Seconds of a clock: "date" (without the year), "year" or "uptime"."""
-    seconds: float
-    clock: str
+@dataclasses.dataclass(frozen=True, order=True)
+class Time:
+    """Seconds of a clock: "date" (without the year), "year", "uptime" or "?" if there is none."""
+    clock: str = "?"
+    seconds: float = 0
 
     def minus(self, seconds):
-        return Time(self.seconds - seconds, self.clock)
+        return self if self.clock == "?" else Time(self.clock, self.seconds - seconds)
 
     def __str__(self):
-        if self.clock == "uptime":
-            return f"{self.seconds:.1f}"
+        if self.clock in ("uptime", "?"):
+            return f"{self.seconds:.1f}" if self.clock == "uptime" else "?"
         form = "%m-%d %H:%M:%S" if self.clock == "date" else "%Y-%m-%d %H:%M:%S"
         return clocks.strftime(form, clocks.gmtime(self.seconds))
 
@@ -80,7 +81,7 @@ class Event(NamedTuple):
     """What is worth telling while a log is written: "found", "dumped", "reported" or "acted"."""
     kind: str
     text: str
-    time: Optional[Time]
+    time: Time
 
 
 @dataclasses.dataclass
@@ -91,11 +92,9 @@ class Hang:
     ppid: Optional[int] = None
     thread: str = ""
     process: str = ""
-    timeout: Optional[int] = None  # s
-    stood_still: Optional[Time] = None  # from here on, by the daemon's count
-    is_dumped: bool = False
+    since: Optional[Time] = None
     dumped: Optional[Time] = None
-    runs: dict = dataclasses.field(default_factory=dict)  # by log: the number of the run it is of
+    runs: dict = dataclasses.field(default_factory=dict)  # of the daemon and the kernel: numbers
     reports: dict = dataclasses.field(default_factory=dict)  # by log: their times
     text: str = ""  # of the report
     act: str = ""
@@ -113,21 +112,16 @@ class Hang:
     @property
     def time(self):
         """Of the first report, else of the dump; by the Android log's clock if that has it."""
-        times = [*(times[0] for times in self.reports.values()), self.dumped]
-        return min(filter(None, times), key=lambda time: time.clock == "uptime", default=None)
+        times = [times[0] for times in self.reports.values()] or [self.dumped or Time()]
+        return min(times, key=lambda time: time.clock in ("uptime", "?"))
 
-    @property
-    def since(self):
-        if self.stood_still or not self.time or not self.timeout:
-            return self.stood_still
-        return self.time.minus(self.timeout)
+    def may_be(self, other):
+        return self.condition == other.condition and not any(
+            getattr(self, key) and getattr(other, key) and getattr(self, key) != getattr(other, key)
+            for key in ("tid", "pid", "ppid", "thread"))
 
-    def may_be(self, condition, **known):
-        return self.condition == condition and not any(
-            value and getattr(self, key) not in (None, "", value) for key, value in known.items())
-
-    def learn(self, **known):
-        vars(self).update({key: value for key, value in known.items() if value})
+    def learn(self, other):
+        vars(self).update({key: value for key, value in vars(other).items() if value})
 
 
 class Reader:
@@ -137,7 +131,7 @@ class Reader:
         self.hangs = []
         self._threads, self._processes, self._stacks = {}, {}, {}  # by id
         self._wchans = set()
-        self._runs = {"android": 0, "kernel": 0}  # numbers the daemon's runs and the kernel's
+        self._runs = {"android": 0, "kernel": 0}
         self._standing = None  # what the daemon has just told to stand still
         self._stack = None  # whose lines are read
         self._last = None  # the hang whose report was read last
@@ -155,16 +149,16 @@ class Reader:
         if tag == "tovrel":
             return self._read_daemon(time, text)
         if tag is None:
-            self._read_stacks(text)
+            self._read_stacks(time, text)
             if match := REPORT.fullmatch(text):
-                return self._reported("kernel", time, match)
+                return self._reported("kernel", time, self._report(time, match))
         return self._read_system(time, text)
 
     def finish(self):
         for hang in self.hangs:
             hang.thread = hang.thread or self._threads.get(hang.tid, "")
             hang.process = hang.process or self._processes.get(hang.pid, "")
-            hang.stack = hang.stack or self._stacks.get(hang.tid, [])
+            hang.stack = hang.stack or self._stacks.get(hang.tid, (None, []))[1]
 
     def _start_run(self, log):
         self._runs[log] += 1
@@ -176,19 +170,19 @@ class Reader:
         if match := DUMPED.fullmatch(text):
             return self._dumped(time, match)
         if match := REPORT.fullmatch(text):
-            return self._reported("android", time, match)
+            return self._reported("android", time, self._report(time, match))
         if match := FOUND.fullmatch(text):
             name, pid = match["process"] or match["iowait"], match["pid"] or match["iowait_pid"]
             self._processes[number(pid)] = name
             return Event("found", f"{name}, process {pid}" if pid else name, time)
         if text.startswith("killing "):
             return self._acted(time, text)
-        if text == NOTHING:
-            return self._unwritten_report(time)
-        if text == SELF_STUCK:
-            hang = Hang("self stuck", process="tovrel", text=text)
-            self.hangs.append(hang)
-            return self._report(hang, "android", time) and self._acted(time, "restart")
+        if text == NOTHING and self._standing:
+            # The report itself is not logged.
+            return self._reported("android", time, replace(self._standing, act="nothing"))
+        if text.startswith("Self stuck!"):
+            hang = Hang("self stuck", process="tovrel", text=text, act="restart")
+            return self._reported("android", time, hang)
         if text == "started":
             self._start_run("android")
         return None
@@ -200,65 +194,57 @@ class Reader:
         self._threads[tid] = told["thread"]
         self._wchans.add(wchan)
         self._standing = Hang(condition_of(told["state"], wchan), tid, thread=told["thread"],
-                              stood_still=time and time.minus(int(told["count"]) / 1000))
+                              since=time.minus(int(told["count"]) / 1000))
         self._last = None
         return Event("found", f"{told['thread']}, thread {tid}", time) if is_new else None
 
     def _dumped(self, time, match):
-        condition = None
-        if match["ppid"]:
-            condition = condition_of(match["state"], match["wchan"])
+        condition = condition_of(match["state"], match["wchan"]) if match["ppid"] else None
         task = self._standing_as(condition)
-        condition = task.condition
-        if self._is_read(time, match[0], task.tid):
+        dumped = replace(task, pid=number(match["pid"]), ppid=number(match["ppid"]), dumped=time,
+                         process=match["process"] or "")
+        if self._is_read(time, "dumped", dumped):
             return None
-        ids = {"tid": task.tid, "pid": number(match["pid"]), "ppid": number(match["ppid"])}
-        hang = self._find("android", condition, **ids)
-        if hang is None or hang.is_dumped or "android" in hang.reports:
-            hang = Hang(condition)
+        hang = self._find("android", dumped)
+        if hang is None or "android" in hang.runs:
+            hang = dumped
             self.hangs.append(hang)
-        hang.learn(thread=task.thread, process=match["process"], is_dumped=True, dumped=time,
-                   stood_still=task.stood_still, **ids)
+        hang.learn(dumped)
         hang.runs["android"] = self._runs["android"]
-        return Event("dumped", f"{hang.task or hang.pid} in {condition}", time)
+        return Event("dumped", f"{hang.task or hang.pid} in {hang.condition}", time)
 
-    def _reported(self, log, time, match):
+    def _report(self, time, match):
+        """The hang as the report has it."""
         wchan, timeout = match["wchan"], match["timeout"]
         if wchan is not None:
             wchan, timeout = self._split_wait(wchan + timeout)
-        condition = condition_of(match["state"], wchan, match["missing"])
-        task = self._standing_as(condition)
+        task = self._standing_as(condition_of(match["state"], wchan, match["missing"]))
+        return replace(task, tid=number(match["tid"]) or task.tid, pid=number(match["pid"]),
+                       ppid=number(match["ppid"]), thread=match["thread"] or task.thread,
+                       since=time.minus(int(timeout)), text=match[0])
+
+    def _reported(self, log, time, report):
         self._last = None
-        if self._is_read(log, time, match[0]):
+        if self._is_read(time, log, report):
             return None
-        ids = {"tid": number(match["tid"]) or task.tid, "pid": number(match["pid"]),
-               "ppid": number(match["ppid"]), "thread": match["thread"] or task.thread}
-        hang = self._find(log, condition, **ids)
+        hang = self._find(log, report)
         if hang is None:
-            hang = Hang(condition)
+            hang = report
             self.hangs.append(hang)
-        hang.learn(timeout=int(timeout), text=match[0], **ids)
-        return self._report(hang, log, time)
-
-    def _unwritten_report(self, time):
-        """Under the policy "nothing" the log has all but the report itself."""
-        task, self._standing = self._standing, None
-        if task is None or self._is_read(time, NOTHING, task.tid):
-            return None
-        hang = self._find("android", task.condition, tid=task.tid, thread=task.thread)
-        if hang is None:
-            hang = task
-            self.hangs.append(hang)
-        self._report(hang, "android", time)
-        return self._acted(time, "nothing")
-
-    def _report(self, hang, log, time):
+        if log == "kernel" or log in hang.runs:
+            report = replace(report, since=hang.since)
+        hang.learn(report)
         hang.runs[log] = self._runs[log]
         hang.reports.setdefault(log, []).append(time)
-        hang.stack = self._stacks.get(hang.tid, hang.stack)
+        if hang.tid in self._stacks:
+            dumped, hang.stack = self._stacks[hang.tid]
+            hang.dumped = hang.dumped or dumped
         self._last = hang
-        is_first = sum(map(len, hang.reports.values())) == 1
-        return Event("reported", hang.text, time) if is_first else None
+        if sum(map(len, hang.reports.values())) > 1:
+            return None
+        if not hang.text:
+            return Event("acted", f"{hang.act}: {hang.task}", time)
+        return Event("reported", hang.text, time)
 
     def _acted(self, time, act):
         hang = self._last
@@ -267,13 +253,14 @@ class Reader:
         hang.act = act
         return Event("acted", f"{act}: {hang.task or hang.text}", time)
 
-    def _read_stacks(self, text):
+    def _read_stacks(self, time, text):
         if self._stack is not None and FRAME.fullmatch(text):
             self._stack.append(text)
         elif match := TASK.fullmatch(text):
             tid = int(match["tid"] or match["old_tid"])
             self._threads[tid] = match["name"] or match["old_name"]
-            self._stack = self._stacks[tid] = []
+            self._stack = []
+            self._stacks[tid] = time, self._stack
         elif not STACK_TITLE.fullmatch(text):
             self._stack = None
 
@@ -288,23 +275,25 @@ class Reader:
         return None
 
     def _standing_as(self, condition):
-        """The task that stands still, unless the log tells of another condition next."""
+        """What stands still, if it does so in this condition or if that is not told."""
         task = self._standing
         return task if task and condition in (None, task.condition) else Hang(condition or "-")
 
-    def _find(self, log, condition, **known):
-        """The hang that a line in a log is about."""
-        hangs = [hang for hang in self.hangs if hang.may_be(condition, **known)
-                 and hang.runs.get(log, self._runs[log]) == self._runs[log]]
+    def _find(self, log, task):
+        """The known hang of this task that a line of the log is about."""
+        run = self._runs[log]
+        hangs = [hang for hang in self.hangs
+                 if hang.may_be(task) and hang.runs.get(log, run) == run]
         behind = [hang for hang in hangs if len(hang.reports.get(log, ())) < hang.reported]
         return (behind[:1] or hangs[-1:] or [None])[0]
 
-    def _is_read(self, time, *line):
-        """Whether this line was read before, in another copy of the log."""
-        if time is None or (time, line) in self._read:
-            return time is not None
-        self._read.add((time, line))
-        return False
+    def _is_read(self, time, kind, hang):
+        """Whether this was read before, in another copy of the log."""
+        line = (time, kind, hang.condition, hang.tid, hang.pid, hang.thread)
+        if time == Time() or line not in self._read:
+            self._read.add(line)
+            return False
+        return True
 
     def _split_wait(self, text):
         """Wait channel and seconds, which a report writes without anything between."""
@@ -320,23 +309,23 @@ def split_form(line):
         if match := form.match(line):
             part = match.groupdict()
             return time_of(**part), part.get("tag"), part["text"].strip()
-    return None, None, line
+    return Time(), None, line
 
 
 def time_of(date=None, clock=None, seconds=None, human=None, **_):
     try:
         if seconds:
-            return Time(float(seconds), "year" if float(seconds) > 1e8 else "uptime")
+            return Time("year" if float(seconds) > 1e8 else "uptime", float(seconds))
         if human:
-            return Time(calendar.timegm(clocks.strptime(human, "%b %d %H:%M:%S %Y")), "year")
+            return Time("year", calendar.timegm(clocks.strptime(human, "%b %d %H:%M:%S %Y")))
         if date:
             # Without a year any leap year will do.
             whole = date if len(date) > 5 else "2000-" + date
             parsed = clocks.strptime(f"{whole} {clock}", "%Y-%m-%d %H:%M:%S")
-            return Time(calendar.timegm(parsed), "year" if whole == date else "date")
+            return Time("year" if whole == date else "date", calendar.timegm(parsed))
     except ValueError:
         pass
-    return None
+    return Time()
 
 
 def condition_of(state, wchan, missing=None):
@@ -362,9 +351,9 @@ def table(rows, width=None):
 
 def tell(event, start):
     """Prints a line about an event, with the seconds since the start."""
-    after = f"{event.time.seconds - start.seconds:3.0f} s" if event.time and start else ""
     colour = {"dumped": "yellow", "reported": "red"}.get(event.kind)
-    print(f"{after:>5}  {paint(event.kind.ljust(8), colour)}  {event.text}", flush=True)
+    print(f"{event.time.seconds - start.seconds:3.0f} s  {paint(event.kind.ljust(8), colour)}  "
+          f"{event.text}", flush=True)
 
 
 def paint(text, colour):
