@@ -1,16 +1,20 @@
 """usage: check_config_test.py PLAY. Tests scripts/check-config; PLAY is the program tovrel_play."""
-import copy, importlib.machinery, json, pathlib, re, subprocess, sys, tempfile
+import importlib.machinery, json, pathlib, re, subprocess, sys, tempfile
 
 sys.dont_write_bytecode = True
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 CHECK = ROOT / "scripts/check-config"
 check_config = importlib.machinery.SourceFileLoader("check_config", str(CHECK)).load_module()
-SAMPLE = (ROOT / "etc/tovrel.json").read_text()
 FILES = tempfile.TemporaryDirectory()
-
-# The key of each fault that is put into the sample is named.
+SAMPLE = (ROOT / "etc/tovrel.json").read_text()
 DOCUMENT = json.loads(SAMPLE)
 CONFIG, NO_NAMES = DOCUMENT["Config"], ["a b", "-a", "a;b", ""]
+
+def file_of(text, name="c.json"):
+    pathlib.Path(FILES.name, name).write_text(text)
+    return pathlib.Path(FILES.name, name)
+
+# The key of each fault that is put into the sample is named.
 REFUSED = {  # values refused at a key, beside null and an object with a misspelt key
     "Config": [{k: CONFIG[k] for k in CONFIG if k != gone} for gone in CONFIG if gone != "policy"],
     "Config.policy": ["Panic"], "Config.black_white_list.mode": ["Black"],
@@ -26,118 +30,113 @@ REFUSED = {  # values refused at a key, beside null and an object with a misspel
     "Config.default_open_hw_list": [{"enable": True}, {"enable": True, "list": []}],
     "Config.black_white_list": [{"enable": True}]}
 
-def check_faults(parent, key, path):
+def put_faults(parent, key, path):
     node = parent[key]
     misspelt = [{**node, "misspelt": 1}] if isinstance(node, dict) else []
     for parent[key] in [None, *misspelt, *REFUSED.get(path, [])]:
         faults = check_config.check(json.dumps(DOCUMENT).encode())[0]
         assert any(fault.startswith(path) for fault in faults), (path, parent[key], faults)
     parent[key] = node
-    for child in node if isinstance(node, dict) else range(len(node) if type(node) is list else 0):
-        check_faults(node, child, f"{path}[{child}]" if isinstance(child, int) else f"{path}.{child}")
+    for child in node if isinstance(node, dict) else ():
+        put_faults(node, child, f"{path}.{child}")
+    for index in range(len(node)) if isinstance(node, list) else ():
+        put_faults(node, index, f"{path}[{index}]")
 
-def run(text, properties="", *options):
-    file, props = pathlib.Path(FILES.name, "c.json"), pathlib.Path(FILES.name, "props")
-    file.write_text(text), props.write_text(properties)
-    return subprocess.run([CHECK, *options, file, props], capture_output=True, text=True)
-
-check_faults(DOCUMENT, "Config", "Config")
-for text, status, output in [(SAMPLE, 0, ""), (SAMPLE.replace("120", '120, "round": 6'), 1, "'round'"),
-                             ("{}", 1, "(root)"), ("[" * 99999, 1, ""), ("\xff", 1, "")]:
-    done = run(text, "", "--quiet")
-    assert (done.returncode, done.stdout) == (status, "") and output in done.stderr, done
-assert subprocess.run([CHECK], capture_output=True).returncode == 0
+put_faults(DOCUMENT, "Config", "Config")
+TWICE = SAMPLE.replace("120", '120, "round": 6')
+for text, status, fault in [(SAMPLE, 0, ""), (TWICE, 1, "key 'round'"), ("{}", 1, "(root)"),
+                            ("[" * 99999, 1, "recursion"), ("\0", 1, "line 1")]:
+    done = subprocess.run([CHECK, "--quiet", file_of(text)], capture_output=True, text=True)
+    assert (done.returncode, done.stdout) == (status, "") and fault in done.stderr, done
+assert "120 to 140" in subprocess.run([CHECK], capture_output=True, text=True, check=True).stdout
 assert subprocess.run([CHECK, "/no/file"], capture_output=True).returncode == 2
 
-def settings(sections, scan=(120, 6, 5)):
+def told(sections, scan=(120, 6, 5), properties=""):
+    """A calm configuration with these sections in a file, and what is told of it."""
     scan = dict(zip(("timeout_second", "round", "interval_min_second"), scan))
     calm = {"switches": {"main": True}, "policy": "kill", "scan": scan, "default_open_hw_list": {},
             "monitor_process": {}, "monitor_binder": {}, "black_white_list": {}}
-    return json.dumps({"Config": calm | sections})
+    file = file_of(json.dumps({"Config": calm | sections}))
+    return file, json.loads(subprocess.check_output(
+        [CHECK, "--json", file, file_of(properties, "properties")]))
 
 def watch(*processes):
     entries = [{"process": name, "thread": threads} for name, *threads in processes]
     return {"monitor_process": {"enable": True, "list": entries}}
 
-BINDERS = {"monitor_binder": {"enable": True, "monitor_uids": [9], "wchans": ["D"]}}
-SHELL = {"switches": {"main": True, "use_shell": True}}
+OWN, SHELL = "persist.vendor.hg.", {"switches": {"main": True, "use_shell": True}}
+BINDER = {"monitor_binder": {"enable": True, "monitor_uids": [9], "wchans": ["D"]}}
 
 # Every stage of a hang comes within the window that is told, for one that begins just before a scan
-# and for one that begins just after it.
-APP, BINDER = "100 app {s} ppid=30 runs={r}", "100/101 Binder:1 {s} ppid=30 uid=9 runs={r}"
-PLAYED = [  # kind of window, sections, and the steps that make a calm task or a hung one
+# and for one that begins just after it; the window of the dump is no wider than that.
+APP, THREAD = "100 app {s} ppid=30 runs={r}", "100/101 Binder:1 {s} ppid=30 uid=9 runs={r}"
+PLAYED = [  # kind of window, sections, and the steps that make a calm task and a hung one
     ("task", watch(["app"]), [APP]),
-    ("task", watch(["app", "t"]) | BINDERS, [APP, "100/101 t {s} ppid=30 runs={r}"]),
+    ("task", watch(["app", "t"]) | BINDER, [APP, THREAD.replace("Binder:1", "t")]),
     ("task", watch(["app"]) | SHELL, [APP]),
-    ("task_beside_missing", watch(["app"], ["ghost"]), [APP]),
-    ("whole_process", watch(["app"]) | BINDERS, [APP]),
-    ("whole_process_threads", watch(["app"]) | BINDERS, [APP, "100/101 x S ticks=99"]),
-    ("missing_thread", watch(["app", "t"]), [APP]),
-    ("binder_thread", BINDERS, [APP, BINDER]),
-    ("binder_thread", BINDERS | SHELL, [BINDER.replace("{s}", "S wchan={s}")])]
-LOOSE = PLAYED[3], PLAYED[-1]  # depend on the order of a hash map, on whether the thread is new
+    ("whole_process", watch(["app"]) | BINDER, [APP]),
+    ("whole_process_threads", watch(["app"]) | BINDER, [APP, "100/101 x S ticks=99"]),
+    ("missing_thread", watch(["app", "t"]), [APP]), ("binder_thread", BINDER, [APP, THREAD]),
+    ("binder_thread", BINDER | SHELL,
+     [THREAD.replace("{s}", "S"), "sh ps -e -T|grep Binder:=>u 100 101 30 1 2 {s} 0 S Binder:1\n"]),
+    ("task_beside_missing", watch(["app"], ["ghost"]), [APP])]
+LOOSE = PLAYED[-2:]  # the window is for a new thread too, and for any order of a hash map
 
-def play(text, properties, story):
+def play(file, story):
     """The times of the dump and of the acts, in ms. The one place that knows the test program."""
-    file = pathlib.Path(FILES.name, "c.json")
-    file.write_text(text)
-    steps = "30 zygote S;" + "".join(f"prop {line};" for line in properties.splitlines()) + story
-    events = subprocess.check_output([sys.argv[1], file, steps], text=True)
+    events = subprocess.check_output([sys.argv[1], file, "30 zygote S;" + story], text=True)
     kills = re.findall(r"@(\S+) kill \d+ (\d+)", events)
-    acts = [time for time, signal in kills if signal == "9"]
-    return [1000 * float(time) for time in [*[time for time, _ in kills[:1]], *acts]]
+    return [1000 * float(t) for t, _ in kills[:1]] + [1000 * float(t) for t, s in kills if s == "9"]
 
 for scan, raised in [((120, 6, 5), 0), ((120, 5, 5), 0), ((100, 6, 5), 0), ((60, 12, 5), 200),
                      ((15, 1, 10), 0), ((10, 9, 1), 0)]:
-    properties = f"persist.vendor.hg.timeout={raised}\n"
-    for row in PLAYED:
-        text, dumps = settings(row[1], scan), []
-        told = json.loads(run(text, properties, "--json").stdout)
-        window, interval = told["windows"][row[0]], told["settings"]["interval"]
-        for start in 5 * interval // 1000, 5 * interval // 1000 + 1:
-            calm = [step.format(s="S", r=5) for step in row[2]]
-            hung = [f"@{start} " + step.format(s="D", r=6) for step in row[2]]
-            if row[0] == "missing_thread":  # begins with its process
-                calm, hung = [], [f"@{start} " + step.format(s="S", r=6) for step in row[2]]
-            until = f"until {start + 5 * max(scan[0], raised)};"
-            times = play(text, properties, until + ";".join(calm + hung))
-            assert bool(times) == bool(window), (row, times)
+    for kind, sections, steps in PLAYED:
+        file, report = told(sections, scan, f"{OWN}timeout={raised}")
+        window, dumps = report["windows"][kind], []
+        fifth_scan = 5 * report["settings"]["interval"] // 1000
+        for start in fifth_scan, fifth_scan + 1:
+            calm = [step.format(s="S", r=5) for step in steps] * (kind != "missing_thread")
+            hung = [f"@{start} " + step.format(s="D", r=6) for step in steps]
+            world = [f"until {start + 5 * max(scan[0], raised)}", f"prop {OWN}timeout={raised}"]
+            times = play(file, ";".join(world + calm + hung))
+            assert bool(times) == bool(window), (scan, kind, times)
             for stage, time in zip(("dump", "act"), times):
                 earliest, latest = window[stage]
-                assert earliest - 9 <= time - 1000 * start <= latest + 9, (scan, row, start, times)
-            if window:
-                assert window["again"][0] - 9 <= times[2] - times[1] <= window["again"][1] + 9, row
-                dumps.append(times[0] - 1000 * start)
-        if window and row not in LOOSE:  # the window is no wider than need be
-            assert min(dumps) - window["dump"][0] < 1000 >= window["dump"][1] - max(dumps), row
+                assert earliest - 9 <= time - 1000 * start <= latest + 9, (scan, kind, start, times)
+            for act, later in zip(times[1:], times[2:]):
+                least, most = window["again"]
+                assert least - 9 <= later - act <= most + 9, (scan, kind, start, times)
+            dumps += [time - 1000 * start for time in times[:1]]
+        if window and (kind, sections, steps) not in LOOSE:
+            earliest, latest = window["dump"]
+            assert min(dumps) - earliest < 1000 >= latest - max(dumps), (scan, kind, dumps)
 
-# What is valid but surprises is named by its key, and nothing else is.
-KEY, BINDER_KEY = "Config.monitor_process.list", "Config.monitor_binder."
-BINDER = {"monitor_binder": {"enable": True, "monitor_uids": [9], "uid_map": [{"name": "u", "value": 9}]}}
-NONE, OWN = {"monitor_process": {}}, "persist.vendor.hg."
-for keys, sections, scan, properties in [
-        ([], {}, (), ""), ([], {}, (100, 4, 5), OWN + "debug=true"),
-        (["Config.switches.main"], {"switches": {"main": False}}, (), ""),
-        ([], {"switches": {"main": False}}, (), OWN + "enable=1"), (["Config"], NONE, (), ""),
-        (["Config.policy"], {"policy": "nothing"}, (), ""),
-        (["Config.scan.round"], {}, (120, 5, 5), ""), (["Config.scan.round"], {}, (100, 6, 5), ""),
-        (["Config.scan.interval_min_second"], {}, (30, 6, 10), ""),
-        (["Config.scan.timeout_second"], watch(["app", "watchdog"]), (60, 6, 5), ""),
-        ([KEY + "[0]"], watch(["app"]) | BINDER, (), ""), ([], watch(["app"]), (), ""),
-        ([KEY + "[1]"], watch(["app", "t"], ["app", "u"]), (), ""),
-        ([KEY], watch(["app", "app"]), (), ""),
-        ([KEY, KEY], watch(["app", "t", "tt"], ["apps", "t"]) | SHELL, (), ""),
-        (["Config.switches.use_shell"], watch(["app", "watchdog"]) | SHELL, (), ""),
-        (["Config.switches.use_shell"], NONE | SHELL | BINDER, (), ""),
-        (["Config.switches.use_shell", BINDER_KEY + "uid_map"], NONE | SHELL | BINDERS, (), ""),
-        ([BINDER_KEY + "monitor_uids"], {"monitor_binder": {"wchans": ["w"]}}, (), OWN + "binder=1"),
-        ([OWN + "timeout"], BINDER, (), OWN + "timeout=240"),
-        ([OWN + "timeout"], {}, (), OWN + "timeout=60"), ([OWN + "timeout"], {}, (), OWN + "timeout=0x99"),
-        ([OWN + "policy"], {}, (), OWN + "policy=nothing"), ([OWN + "debug"], {}, (), OWN + "debug=on"),
-        ([OWN + "binder"], {}, (), OWN + "binder=1"), ([OWN + "bidner"], {}, (), OWN + "bidner=1"),
-        ([OWN + "processes"], NONE | BINDER, (), OWN + "processes=b"),
-        ([OWN + "processes"], {}, (), OWN + "processes=b:" + "n" * 16),
-        ([OWN + "processes"], {}, (), OWN + "processes=" + 23 * "b:n ")]:
-    text = settings(watch(["app", "t"]) | sections, *[scan] * bool(scan))
-    told = json.loads(run(text, properties, "--json").stdout)["warnings"]
-    assert [key for key, _ in told] == keys, (keys, sections, scan, properties, told)
+# A valid setting that surprises is named by its key, and no other.
+UID_MAP = {"uid_map": [{"name": "u", "value": 9}]}
+NAMED = {"monitor_binder": {"enable": True, "monitor_uids": [9], **UID_MAP}}
+NONE, OFF, TIME = {"monitor_process": {}}, {"switches": {"main": False}}, (120, 6, 5)
+DOG = watch(["app", "watchdog"])
+for keys, *cases in [
+        ("", ({},), (OFF, TIME, "~enable=1"), ({}, (100, 4, 5)), (watch(["app"]),),
+         (DOG, (64, 8, 5))),
+        ("Config.switches.main", (OFF,)), ("Config", (NONE,)),
+        ("Config.policy", ({"policy": "nothing"},)),
+        ("Config.scan.round", ({}, (120, 5, 5)), ({}, (100, 6, 5))),
+        ("Config.scan.interval_min_second", ({}, (30, 6, 10))),
+        ("Config.scan.timeout_second", (DOG, (60, 6, 5))),
+        ("Config.monitor_process.list", (watch(["app"]) | NAMED,), (watch(["app", "app"]),),
+         (watch(["app", "t"], ["app", "u"]),), (watch(["a", "t"], ["app", "u"]) | SHELL,)),
+        ("Config.switches.use_shell", (DOG | SHELL,), (NAMED | NONE | SHELL,)),
+        ("Config.switches.use_shell Config.monitor_binder.uid_map", (NONE | BINDER | SHELL,)),
+        ("Config.monitor_binder.monitor_uids",
+         ({"monitor_binder": {"wchans": ["w"]}}, TIME, "~binder=1")),
+        ("~timeout", ({}, TIME, "~timeout=60"), ({}, TIME, "~timeout=0x99"),
+         (NAMED, TIME, "~timeout=240")),
+        ("~policy", ({}, TIME, "~policy=nothing")), ("~debug", ({}, TIME, "~debug=on")),
+        ("~binder", ({}, TIME, "~binder=1")), ("~bidner", ({}, TIME, "~bidner=1")),
+        ("~processes", (NONE | NAMED, TIME, "~processes=b"),
+         ({}, TIME, "~processes=" + 23 * "b:n "), ({}, TIME, "~processes=b:" + 16 * "n"))]:
+    for case in cases:
+        case = (watch(["app", "t"]) | case[0], *case[1:2], *[p.replace("~", OWN) for p in case[2:]])
+        named = [key for key, _ in told(*case)[1]["warnings"]]
+        assert named == keys.replace("~", OWN).split(), (named, keys, case)
