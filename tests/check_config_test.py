@@ -10,9 +10,10 @@ SAMPLE = (ROOT / "etc/tovrel.json").read_text()
 DOCUMENT = json.loads(SAMPLE)
 CONFIG, NO_NAMES = DOCUMENT["Config"], ["a b", "-a", "a;b", ""]
 
-def file_of(text, name="c.json"):
-    pathlib.Path(FILES.name, name).write_text(text)
-    return pathlib.Path(FILES.name, name)
+def file_of(text):
+    file = pathlib.Path(FILES.name, "tovrel.json")
+    file.write_text(text)
+    return file
 
 # The key of each fault that is put into the sample is named.
 REFUSED = {  # values refused at a key, beside null and an object with a misspelt key
@@ -48,17 +49,20 @@ for text, status, fault in [(SAMPLE, 0, ""), (TWICE, 1, "key 'round'"), ("{}", 1
                             ("[" * 99999, 1, "recursion"), ("\0", 1, "line 1")]:
     done = subprocess.run([CHECK, "--quiet", file_of(text)], capture_output=True, text=True)
     assert (done.returncode, done.stdout) == (status, "") and fault in done.stderr, done
-assert "120 to 140" in subprocess.run([CHECK], capture_output=True, text=True, check=True).stdout
+assert "120 to 140" in subprocess.check_output([CHECK], text=True)
+assert json.loads(subprocess.check_output([CHECK, "--json"]))["settings"]["interval"] == 20000
 assert subprocess.run([CHECK, "/no/file"], capture_output=True).returncode == 2
 
 def told(sections, scan=(120, 6, 5), properties=""):
-    """A calm configuration with these sections in a file, and what is told of it."""
+    """A calm configuration with these sections, in a file; interval, windows, keys warned of."""
     scan = dict(zip(("timeout_second", "round", "interval_min_second"), scan))
     calm = {"switches": {"main": True}, "policy": "kill", "scan": scan, "default_open_hw_list": {},
             "monitor_process": {}, "monitor_binder": {}, "black_white_list": {}}
-    file = file_of(json.dumps({"Config": calm | sections}))
-    return file, json.loads(subprocess.check_output(
-        [CHECK, "--json", file, file_of(properties, "properties")]))
+    config, properties = calm | sections, check_config.read_properties(properties.encode())
+    settings = check_config.Settings(config, properties)
+    named = [key for key, _ in check_config.warnings(config, properties, settings)]
+    file = file_of(json.dumps({"Config": config}))
+    return file, settings.interval, check_config.windows(settings), named
 
 def watch(*processes):
     entries = [{"process": name, "thread": threads} for name, *threads in processes]
@@ -77,8 +81,7 @@ PLAYED = [  # kind of window, sections, and the steps that make a calm task and 
     ("whole_process", watch(["app"]) | BINDER, [APP]),
     ("whole_process_threads", watch(["app"]) | BINDER, [APP, "100/101 x S ticks=99"]),
     ("missing_thread", watch(["app", "t"]), [APP]), ("binder_thread", BINDER, [APP, THREAD]),
-    ("binder_thread", BINDER | SHELL,
-     [THREAD.replace("{s}", "S"), "sh ps -e -T|grep Binder:=>u 100 101 30 1 2 {s} 0 S Binder:1\n"]),
+    ("binder_thread", BINDER | SHELL, [THREAD.replace("{s}", "S wchan={s}")]),
     ("task_beside_missing", watch(["app"], ["ghost"]), [APP])]
 LOOSE = PLAYED[-2:]  # the window is for a new thread too, and for any order of a hash map
 
@@ -91,9 +94,8 @@ def play(file, story):
 for scan, raised in [((120, 6, 5), 0), ((120, 5, 5), 0), ((100, 6, 5), 0), ((60, 12, 5), 200),
                      ((15, 1, 10), 0), ((10, 9, 1), 0)]:
     for kind, sections, steps in PLAYED:
-        file, report = told(sections, scan, f"{OWN}timeout={raised}")
-        window, dumps = report["windows"][kind], []
-        fifth_scan = 5 * report["settings"]["interval"] // 1000
+        file, interval, windows, _ = told(sections, scan, f"{OWN}timeout={raised}")
+        window, dumps, fifth_scan = windows[kind], [], 5 * interval // 1000
         for start in fifth_scan, fifth_scan + 1:
             calm = [step.format(s="S", r=5) for step in steps] * (kind != "missing_thread")
             hung = [f"@{start} " + step.format(s="D", r=6) for step in steps]
@@ -118,7 +120,7 @@ NONE, OFF, TIME = {"monitor_process": {}}, {"switches": {"main": False}}, (120, 
 DOG = watch(["app", "watchdog"])
 for keys, *cases in [
         ("", ({},), (OFF, TIME, "~enable=1"), ({}, (100, 4, 5)), (watch(["app"]),),
-         (DOG, (64, 8, 5))),
+         (DOG, (64, 8, 5)), ({}, TIME, "~timeout=0x96")),
         ("Config.switches.main", (OFF,)), ("Config", (NONE,)),
         ("Config.policy", ({"policy": "nothing"},)),
         ("Config.scan.round", ({}, (120, 5, 5)), ({}, (100, 6, 5))),
@@ -130,7 +132,7 @@ for keys, *cases in [
         ("Config.switches.use_shell Config.monitor_binder.uid_map", (NONE | BINDER | SHELL,)),
         ("Config.monitor_binder.monitor_uids",
          ({"monitor_binder": {"wchans": ["w"]}}, TIME, "~binder=1")),
-        ("~timeout", ({}, TIME, "~timeout=60"), ({}, TIME, "~timeout=0x99"),
+        ("~timeout", ({}, TIME, "~timeout=60"), ({}, TIME, "~timeout=0170"),
          (NAMED, TIME, "~timeout=240")),
         ("~policy", ({}, TIME, "~policy=nothing")), ("~debug", ({}, TIME, "~debug=on")),
         ("~binder", ({}, TIME, "~binder=1")), ("~bidner", ({}, TIME, "~bidner=1")),
@@ -138,5 +140,5 @@ for keys, *cases in [
          ({}, TIME, "~processes=" + 23 * "b:n "), ({}, TIME, "~processes=b:" + 16 * "n"))]:
     for case in cases:
         case = (watch(["app", "t"]) | case[0], *case[1:2], *[p.replace("~", OWN) for p in case[2:]])
-        named = [key for key, _ in told(*case)[1]["warnings"]]
+        named = told(*case)[-1]
         assert named == keys.replace("~", OWN).split(), (named, keys, case)
