@@ -55,7 +55,8 @@ assert subprocess.run([CHECK, "/no/file"], capture_output=True).returncode == 2
 
 def told(sections, scan=(120, 6, 5), properties=""):
     """A calm configuration with these sections, in a file; interval, windows, keys warned of."""
-    scan = dict(zip(("timeout_second", "round", "interval_min_second"), scan))
+    names = ("timeout_second", "round", "interval_min_second", "timeout_min_second")
+    scan = dict(zip(names, scan))
     calm = {"switches": {"main": True}, "policy": "kill", "scan": scan, "default_open_hw_list": {},
             "monitor_process": {}, "monitor_binder": {}, "black_white_list": {}}
     config, properties = calm | sections, check_config.read_properties(properties.encode())
@@ -92,14 +93,14 @@ def play(file, story):
     return [1000 * float(t) for t, _ in kills[:1]] + [1000 * float(t) for t, s in kills if s == "9"]
 
 for scan, raised in [((120, 6, 5), 0), ((120, 5, 5), 0), ((100, 6, 5), 0), ((60, 12, 5), 200),
-                     ((15, 1, 10), 0), ((10, 9, 1), 0)]:
+                     ((15, 1, 10, 10), 0), ((10, 9, 1), 0), ((10, 8, 2, 40), 0)]:
     for kind, sections, steps in PLAYED:
         file, interval, windows, _ = told(sections, scan, f"{OWN}timeout={raised}")
         window, dumps, fifth_scan = windows[kind], [], 5 * interval // 1000
         for start in fifth_scan, fifth_scan + 1:
             calm = [step.format(s="S", r=5) for step in steps] * (kind != "missing_thread")
             hung = [f"@{start} " + step.format(s="D", r=6) for step in steps]
-            world = [f"until {start + 5 * max(scan[0], raised)}", f"prop {OWN}timeout={raised}"]
+            world = [f"until {start + 5 * max(*scan, raised)}", f"prop {OWN}timeout={raised}"]
             times = play(file, ";".join(world + calm + hung))
             assert bool(times) == bool(window), (scan, kind, times)
             for stage, time in zip(("dump", "act"), times):
@@ -117,18 +118,24 @@ for scan, raised in [((120, 6, 5), 0), ((120, 5, 5), 0), ((100, 6, 5), 0), ((60,
 UID_MAP = {"uid_map": [{"name": "u", "value": 9}]}
 NAMED = {"monitor_binder": {"enable": True, "monitor_uids": [9], **UID_MAP}}
 NONE, OFF, TIME = {"monitor_process": {}}, {"switches": {"main": False}}, (120, 6, 5)
+LIST = {"enable": True, "list": ["b"]}
+BOARDS = {"default_open_hw_list": LIST}
 DOG = watch(["app", "watchdog"])
 for keys, *cases in [
         ("", ({},), (OFF, TIME, "~enable=1"), ({}, (100, 4, 5)), (watch(["app"]),),
-         (DOG, (64, 8, 5)), ({}, TIME, "~timeout=0x96")),
-        ("Config.switches.main", (OFF,)), ("Config", (NONE,)),
+         (DOG, (64, 8, 5)), ({}, TIME, "~timeout=0x96"), ({}, TIME, "#x=1"), (OFF | BOARDS,),
+         (OFF | BOARDS, TIME, "ro.board.platform=b"), (NONE | {"black_white_list": LIST},),
+         ({"policy": "nothing", "switches": {"main": True, "debug": True}},),
+         (watch(["app", "app"]) | SHELL,)),
+        ("Config.switches.main", (OFF,), (OFF | BOARDS, TIME, "ro.board.platform=c")),
+        ("Config", (NONE,)),
         ("Config.policy", ({"policy": "nothing"},)),
         ("Config.scan.round", ({}, (120, 5, 5)), ({}, (100, 6, 5))),
         ("Config.scan.interval_min_second", ({}, (30, 6, 10))),
         ("Config.scan.timeout_second", (DOG, (60, 6, 5))),
         ("Config.monitor_process.list", (watch(["app"]) | NAMED,), (watch(["app", "app"]),),
          (watch(["app", "t"], ["app", "u"]),), (watch(["a", "t"], ["app", "u"]) | SHELL,)),
-        ("Config.switches.use_shell", (DOG | SHELL,), (NAMED | NONE | SHELL,)),
+        ("Config.switches.use_shell", (DOG | SHELL, (60, 6, 5)), (NAMED | NONE | SHELL,)),
         ("Config.switches.use_shell Config.monitor_binder.uid_map", (NONE | BINDER | SHELL,)),
         ("Config.monitor_binder.monitor_uids",
          ({"monitor_binder": {"wchans": ["w"]}}, TIME, "~binder=1")),
