@@ -211,7 +211,7 @@ class Reader:
             self.hangs.append(hang)
         hang.learn(dumped)
         hang.runs["android"] = self._runs["android"]
-        return Event("dumped", f"{hang.task or hang.pid} in {hang.condition}", time)
+        return Event("dumped", f"{hang.task or hang.pid} ({hang.condition})", time)
 
     def _report(self, time, match):
         """The hang as the report has it."""
@@ -341,6 +341,17 @@ def number(text):
     return int(text) if text and int(text) != UNKNOWN else None
 
 
+def table_of(hangs, width=None):
+    rows = [("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION")]
+    for hang in hangs:
+        reported = f"{hang.reported}x" + (f", {hang.act}" if hang.act else "")
+        # The row begins with the date.
+        since, dumped = (str(time or "-").split()[-1] for time in (hang.since, hang.dumped))
+        ids = (str(part or "-") for part in (hang.task, hang.tid, hang.pid, hang.ppid))
+        rows.append((str(hang.time), *ids, since, dumped, reported, hang.condition))
+    return table(rows, width)
+
+
 def table(rows, width=None):
     """Lines of rows of texts in columns, cut to the width."""
     widths = [max(map(len, column)) for column in zip(*rows)]
@@ -349,11 +360,10 @@ def table(rows, width=None):
         yield line if not width or len(line) <= width else line[:width - 3] + "..."
 
 
-def tell(event, start):
-    """Prints a line about an event, with the seconds since the start."""
+def tell(event, when):
+    """Prints a line about an event."""
     colour = {"dumped": "yellow", "reported": "red"}.get(event.kind)
-    print(f"{event.time.seconds - start.seconds:3.0f} s  {paint(event.kind.ljust(8), colour)}  "
-          f"{event.text}", flush=True)
+    print(f"{when}  {paint(event.kind.ljust(8), colour)}  {event.text}", flush=True)
 
 
 def paint(text, colour):

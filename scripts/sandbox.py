@@ -56,9 +56,9 @@ def bindings_past(daemon, library):
     """Which functions the loader would take from elsewhere than the preloaded library."""
     # Like `ldd -r`: all is loaded and bound, and nothing runs.
     trace = subprocess.run([daemon], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                           env={"LD_TRACE_LOADED_OBJECTS": "1", "LD_WARN": "1",
-                                "LD_BIND_NOW": "1", "LD_DEBUG": "bindings",
-                                "LD_PRELOAD": str(library)}).stdout
+                           env={**os.environ, "LD_PRELOAD": str(library),
+                                "LD_TRACE_LOADED_OBJECTS": "1", "LD_WARN": "1",
+                                "LD_BIND_NOW": "1", "LD_DEBUG": "bindings"}).stdout
     bindings = [match.groups() for match in BINDING.finditer(trace)]
     if not bindings:
         return "its symbols cannot be checked"
@@ -94,12 +94,15 @@ def run(daemon_command, log):
 
 
 def follow(daemon, *files):
-    """The lines that are added to the files while the daemon runs, empty ones while none are."""
+    """The lines that are added to the files while the daemon runs, each with its file; empty ones
+    while none are.
+    """
     while True:
         has_ended = daemon.poll() is not None
         for file in files:
-            yield from file
+            for line in file:
+                yield file, line
         if has_ended:
             return
-        yield b""
+        yield None, b""
         time.sleep(0.1)

@@ -24,10 +24,10 @@ def log(form, text):
     """The lines, each behind a prefix that has its second, from 20 on."""
     return "".join(form % (20 + n) + line + "\n" for n, line in enumerate(text.split("|"))).encode()
 
-TASK, KILLED = "storaged main 1234 1200 1 D", "2 killing 1200"
-KERNEL_TASK, FRAME = "main 1234 1200 1 D", "\n__switch_to+0x110/0x188"
+TASK, KILLED = "storaged main 1234 1200 1", "2x, killing 1200 D"
+KERNEL_TASK, FRAME = "main 1234 1200 1", "\n__switch_to+0x110/0x188"
 BY_DATE = f"11-21 13:44:23 {TASK} 13:43:21 13:44:22 {KILLED}"
-CRASH = f"125.5 {KERNEL_TASK} 5.5 120.5 1 crash{FRAME}"
+CRASH = f"125.5 {KERNEL_TASK} 5.5 120.5 1x, crash D{FRAME}"
 LOGCAT = log("11-21 13:44:%d.123  root   312   312 I tovrel  : ", STUCK)
 DMESG = log("[  1%d.5] ", KERNEL)
 ROWS = {  # the files, and what is found in them; with "zip", in an archive of them
@@ -38,18 +38,18 @@ ROWS = {  # the files, and what is found in them; with "zip", in an archive of t
     "epoch": ([log("        17952686%d.123   312   312 I tovrel  : ", STUCK)],
               f"2026-11-21 13:43:43 {TASK} 13:42:41 13:43:42 {KILLED}"),
     "host": ([log("tovrel I 11-21 13:44:%d 312 312 ", QUIET)],
-             "11-21 13:44:23 Binder:7_1 71 70 5 wchan x2 13:43:30 13:44:21 1 nothing\n"
-             "11-21 13:44:24 tovrel - - - self stuck - - 1 restart"),
+             "11-21 13:44:23 Binder:7_1 71 70 5 13:43:30 13:44:21 1x, nothing wchan x2\n"
+             "11-21 13:44:24 tovrel - - - - - 1x, restart self stuck"),
     "ramoops": ([log("<6>[  1%d.5][ T312] ", KERNEL)], CRASH),
     "dmesg -T": ([log("[Sat Nov 21 13:44:%d 2026] ", KERNEL)],
-                 f"2026-11-21 13:44:25 {KERNEL_TASK} 13:42:25 13:44:20 1 crash{FRAME}"),
+                 f"2026-11-21 13:44:25 {KERNEL_TASK} 13:42:25 13:44:20 1x, crash D{FRAME}"),
     "kernel's and twice Android's": ([DMESG, LOGCAT, LOGCAT], BY_DATE + FRAME),
     "two boots": ([log("[  1%d.5] ", OLD_KERNEL), TOMBSTONE],
-                  "122.5 - - 1200 - Z 112.5 - 1 -\n123.5 RenderThread - 8 9 missing 113.5 - 1 -\n"
-                  "124.5 - - 1200 567 wchan do_x 4.5 - 1 -\n"
-                  "125.5 server watchdog 5 4 3 unswitch 115.5 - 1 -\n"
-                  "127.5 server watchdog 5 4 3 unswitch 117.5 - 1 -\n"
-                  "128.5 main 1234 1200 1 T 118.5 120.5 1 reboot\nf+0x110/0x188"),
+                  "122.5 - - 1200 - 112.5 - 1x Z\n123.5 RenderThread - 8 9 113.5 - 1x missing\n"
+                  "124.5 - - 1200 567 4.5 - 1x wchan do_x\n"
+                  "125.5 server watchdog 5 4 3 115.5 - 1x unswitch\n"
+                  "127.5 server watchdog 5 4 3 117.5 - 1x unswitch\n"
+                  "128.5 main 1234 1200 1 118.5 120.5 1x, reboot T\nf+0x110/0x188"),
     "archive": (["zip", NOISE, DMESG], CRASH),
     "noise": ([NOISE, b"tid:1 pid:2 ppid:3 in D\n", b"D  " * 99999], None)}
 
