@@ -49,6 +49,12 @@ int error_number(const std::string& name) {
     return number;
 }
 
+// "/proc/PID/" or "/proc/PID/task/TID/"
+std::string task_directory(const std::string& ids) {
+    const auto [pid, tid] = cut(ids, "/");
+    return "/proc/" + pid + (tid.empty() ? "/" : "/task/" + tid + "/");
+}
+
 std::string stat_text(const std::string& id, const World::Task& task, int ticks) {
     return id + " (" + task.at("comm") + ") " + task.at("state") + " " + task.at("ppid") +
            " 1 1 0 -1 4194560 9 8 7 6 " + std::to_string(ticks) + " 1 0 0 20\n";
@@ -82,6 +88,8 @@ void World::take(const std::string& steps) {
             for (int pid = std::stoi(first); pid <= std::stoi(last); ++pid) {
                 put_task(std::to_string(pid), rest);
             }
+        } else if (isdigit(step[0]) && rest.find('=') < rest.find(' ')) {
+            files[task_directory(verb) + cut(rest, "=").first] = cut(rest, "=").second;
         } else if (isdigit(step[0])) {
             put_task(verb, rest);
         } else if (step[0] == '-') {
@@ -120,8 +128,6 @@ void World::take_step(const std::string& verb, const std::string& rest) {
         const size_t error = call.rfind(' ');
         const int number = error_number(call.substr(error + 1));
         failures[call.substr(0, error)] = call == rest ? number : -number;
-    } else if (verb == "mend") {
-        failures.erase(rest);
     } else if (verb == "signal") {
         signal_handler(std::stoi(rest));
     } else if (verb == "late") {
@@ -173,10 +179,9 @@ void World::put_task(const std::string& ids, const std::string& description) {
 }
 
 void World::remove_task(const std::string& ids) {
-    const auto [pid, tid] = cut(ids, "/");
-    const std::string directory = "/proc/" + pid + (tid.empty() ? "/" : "/task/" + tid + "/");
+    const std::string directory = task_directory(ids);
     files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
-    if (tid.empty()) tasks.erase(pid);
+    if (ids.find('/') == std::string::npos) tasks.erase(ids);
 }
 
 // `ps` in the columns of the platform, and words to `grep` for.

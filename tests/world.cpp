@@ -22,7 +22,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <thread>
 
 int tovrel_main();
 
@@ -35,6 +34,8 @@ int tovrel_main();
     }())
 
 namespace {
+
+constexpr char kPerTaskFile[] = "/proc/sys/hung_task_enh/per_task_detect_mode";
 
 struct OpenFile {
     std::string path;
@@ -58,9 +59,13 @@ std::string leaked_file() {
     return "";
 }
 
+// Gives the worker thread of the I/O-wait list time.
+void await(bool (*is_done)()) {
+    for (int i = 0; i < 2000 && !is_done(); ++i) poll(nullptr, 0, 1);
+}
+
 [[noreturn]] void end_run() {
-    // The worker thread may be about to close its file.
-    for (int i = 0; i < 5000 && !leaked_file().empty(); ++i) poll(nullptr, 0, 1);
+    await([] { return leaked_file() != kPerTaskFile; });
     if (!leaked_file().empty()) record("leaked", leaked_file());
     _exit(0);
 }
@@ -185,11 +190,9 @@ std::string World::run(const std::function<void()>& body) {
 void add_event(const std::string& event) {
     const std::lock_guard lock(world_mutex);
     if (world->on_event) world->on_event(event);
-    // What the worker thread of the I/O-wait list still has to do with its file.
-    constexpr char kPerTask[] = "/proc/sys/hung_task_enh/per_task_detect_mode";
     if (event.rfind("I add_pids", 0) == 0) ++queued;
     if (event.rfind("per_task", 0) == 0 ||
-        (event[0] == 'E' && event.find(kPerTask) < event.size())) {
+        (event[0] == 'E' && event.find(kPerTaskFile) < event.size())) {
         --queued;
     }
     if (regexec(&watched, event.c_str(), 0, nullptr, 0) != 0) return;
@@ -300,7 +303,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 }
 
 int usleep(useconds_t us) {
-    while (queued > 0) std::this_thread::yield();
+    await([] { return queued <= 0; });
     const std::lock_guard lock(world_mutex);
     record("usleep", us);
     world->now_ms += us / 1000 + world->late_ms;
