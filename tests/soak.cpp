@@ -9,12 +9,11 @@
 
 std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call) {
     World world(
-            "debug off; process app srv:t; binder monitor_uids=9 wchans=w; iowait app srv;"
+            "debug off; process app srv:t; binder uids=9 wchans=w; iowait app srv;"
             "30 zygote S; watch died;" +
             steps);
-    world.until_ms = INT64_MAX;
+    world.numbers["until"] = INT32_MAX;
     world.failing_call = failing_call;
-    world.failing_errno = EIO;
     std::mt19937 random(seed);
     const auto one_in = [&random](int n) { return random() % n == 0; };
     // The process is stuck every so often, for long enough; everything else makes progress.

@@ -10,28 +10,33 @@
 
 namespace {
 
-// Where the configuration has a setting.
-const std::map<std::string, std::pair<const char*, const char*>> kSettings = {
-        {"main", {"switches", "main"}},
-        {"debug", {"switches", "debug"}},
-        {"shell", {"switches", "use_shell"}},
-        {"timeout", {"scan", "timeout_second"}},
-        {"timeout_min", {"scan", "timeout_min_second"}},
-        {"interval_min", {"scan", "interval_min_second"}},
-        {"log_timeout", {"scan", "log_timeout_second"}},
-        {"round", {"scan", "round"}}};
-const std::map<std::string, const char*> kSections = {{"process", "monitor_process"},
-                                                      {"binder", "monitor_binder"},
-                                                      {"iowait", "black_white_list"},
-                                                      {"platform", "default_open_hw_list"}};
+// Where the configuration has what a verb sets.
+const std::map<std::string, std::string> kPlaces = {{"main", "switches.main"},
+                                                    {"debug", "switches.debug"},
+                                                    {"shell", "switches.use_shell"},
+                                                    {"policy", "policy"},
+                                                    {"timeout", "scan.timeout_second"},
+                                                    {"timeout_min", "scan.timeout_min_second"},
+                                                    {"interval_min", "scan.interval_min_second"},
+                                                    {"log_timeout", "scan.log_timeout_second"},
+                                                    {"round", "scan.round"},
+                                                    {"process", "monitor_process"},
+                                                    {"binder", "monitor_binder"},
+                                                    {"iowait", "black_white_list"},
+                                                    {"platform", "default_open_hw_list"}};
 
-Json::Value enabled_section(const std::string& verb, const std::string& words) {
+Json::Value value_of(const std::string& verb, const std::string& words) {
+    if (words == "on" || words == "off") return words == "on";
+    if (verb == "policy") return words;
+    if (kPlaces.at(verb)[0] == 's') return std::stoi(words);
     Json::Value section;
     section["enable"] = true;
     for (const std::string& word : split(words, " ")) {
         const auto [key, items] = cut(word, "=");
         for (const std::string& item : split(items, ",")) {
-            section[key].append(key == "monitor_uids" ? Json::Value(std::stoi(item)) : item);
+            must(key == "uids" || key == "wchans");
+            if (key == "uids") section["monitor_uids"].append(std::stoi(item));
+            if (key == "wchans") section[key].append(item);
         }
         if (!items.empty()) continue;
         Json::Value process;
@@ -72,7 +77,9 @@ World::World(const std::string& steps) {
                              "per_task_detect_mode"}) {
         files[std::string("/proc/sys/hung_task_enh/") + name] = "";
     }
-    for (const auto& [verb, section] : kSections) config[section] = Json::objectValue;
+    for (const char* verb : {"process", "binder", "iowait", "platform"}) {
+        config[kPlaces.at(verb)] = Json::objectValue;
+    }
     take("main on; debug on; policy reboot; timeout 8; round 8; interval_min 1; log_timeout 99");
     take(steps);
 }
@@ -93,26 +100,29 @@ void World::take(const std::string& steps) {
         } else if (isdigit(step[0])) {
             put_task(verb, rest);
         } else if (step[0] == '-') {
-            remove_task(verb.substr(1));
+            const std::string directory = task_directory(verb.substr(1));
+            files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
+            if (verb.find('/') == std::string::npos) tasks.erase(verb.substr(1));
         } else if (!step.empty()) {
             take_step(verb, rest);
         }
     }
 }
 
+Json::Value* World::place(const std::string& path) {
+    Json::Value* value = &config;
+    for (const std::string& name : split(path, ".")) value = &(*value)[name];
+    return value;
+}
+
 void World::take_step(const std::string& verb, const std::string& rest) {
     const auto [key, value] = cut(rest, "=");
-    if (kSettings.count(verb) != 0) {
-        const auto [section, setting] = kSettings.at(verb);
-        config[section][setting] = isalpha(rest[0]) ? Json::Value(rest == "on") : std::stoi(rest);
-    } else if (kSections.count(verb) != 0) {
-        config[kSections.at(verb)] = enabled_section(verb, rest);
-    } else if (verb == "policy") {
-        config["policy"] = rest;
+    if (kPlaces.count(verb) != 0) {
+        *place(kPlaces.at(verb)) = value_of(verb, rest);
     } else if (verb == "conf") {
-        Json::Value* place = &config;
-        for (const std::string& name : split(key, ".")) place = &(*place)[name];
-        must(Json::Reader().parse(value, *place));
+        must(Json::Reader().parse(value, *place(key)));
+    } else if (numbers.count(verb) != 0) {
+        numbers[verb] = std::stoi(rest);
     } else if (verb == "prop") {
         properties[(key.find('.') < key.size() ? "" : "persist.vendor.hg.") + key] = value;
     } else if (verb == "file") {
@@ -130,14 +140,6 @@ void World::take_step(const std::string& verb, const std::string& rest) {
         failures[call.substr(0, error)] = call == rest ? number : -number;
     } else if (verb == "signal") {
         signal_handler(std::stoi(rest));
-    } else if (verb == "late") {
-        late_ms = std::stoi(rest);
-    } else if (verb == "cost") {
-        cost_ms = std::stoi(rest);
-    } else if (verb == "until") {
-        until_ms = std::stoi(rest) * 1000;
-    } else if (verb == "turns") {
-        turns = std::stoi(rest);
     } else if (verb == "watch") {
         watched = rest;
     } else if (verb == "sorted") {
@@ -176,12 +178,6 @@ void World::put_task(const std::string& ids, const std::string& description) {
     int all_ticks = 0;
     for (const auto& [id, other] : tasks[pid]) all_ticks += std::stoi(other.at("ticks"));
     files[process + "/stat"] = stat_text(pid, main, all_ticks);
-}
-
-void World::remove_task(const std::string& ids) {
-    const std::string directory = task_directory(ids);
-    files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
-    if (ids.find('/') == std::string::npos) tasks.erase(ids);
 }
 
 // `ps` in the columns of the platform, and words to `grep` for.

@@ -9,6 +9,7 @@
 namespace {
 
 struct Story {
+    std::string file;
     int line;
     std::string steps, events;
 };
@@ -16,51 +17,49 @@ struct Story {
 // A heading of a file in stories/ and what is told under it.
 class Heading : public testing::Test {
   public:
-    Heading(std::string file, std::vector<Story> stories)
-            : file(std::move(file)), stories(std::move(stories)) {}
+    explicit Heading(const std::vector<Story>& stories) : stories(stories) {}
 
     void TestBody() override {
-        for (const Story& story : stories) {
-            const std::string events = World(story.steps).run();
-            if (events == story.events) continue;
-            const auto& told = story.events;
-            const size_t same =
-                    std::mismatch(told.begin(), told.end(), events.begin(), events.end()).first -
+        for (const auto& [file, line, steps, told] : stories) {
+            const std::string happened = World(steps).run();
+            if (happened == told) continue;
+            const size_t first_difference =
+                    std::mismatch(told.begin(), told.end(), happened.begin(), happened.end())
+                            .first -
                     told.begin();
-            const size_t time = told.rfind('@', same), comma = told.rfind(", ", same);
-            const size_t event = time > same ? 0 : comma > same ? time : std::max(time, comma);
-            ADD_FAILURE_AT(file.c_str(), story.line)
-                    << "told:     " << told.substr(event) << "\nhappened: " << events.substr(event);
+            const size_t turn = std::min(told.rfind('@', first_difference), first_difference);
+            ADD_FAILURE_AT(file.c_str(), line)
+                    << "told:     " << told.substr(turn) << "\nhappened: " << happened.substr(turn);
         }
     }
 
   private:
-    const std::string file;
     const std::vector<Story> stories;
 };
 
 std::string unescape(const std::string& text) {
-    std::string plain;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const size_t escape = text[i] == '\\' ? std::string("nrt0").find(text[i + 1]) : 4;
-        plain += escape < 4 ? "\n\r\t\0"[escape] : text[i];
-        if (escape < 4) ++i;
+    constexpr std::pair<const char*, char> kEscapes[] = {
+            {"\\n", '\n'}, {"\\r", '\r'}, {"\\t", '\t'}, {"\\0", '\0'}};
+    std::string plain = text;
+    for (const auto& [escape, character] : kEscapes) {
+        for (size_t at; (at = plain.find(escape)) < plain.size();)
+            plain.replace(at, 2, 1, character);
     }
     return plain;
 }
 
-void register_heading(const std::string& suite, std::string heading, const std::string& file,
-                      const std::vector<Story>& stories) {
+void register_heading(std::string name, const std::vector<Story>& stories) {
     if (stories.empty()) return;
     std::replace_if(
-            heading.begin(), heading.end(), [](char c) { return !isalnum(c); }, '_');
-    testing::RegisterTest(suite.c_str(), heading.c_str(), nullptr, nullptr, file.c_str(),
-                          stories[0].line,
-                          [=]() -> testing::Test* { return new Heading(file, stories); });
+            name.begin(), name.end(), [](char c) { return !isalnum(c); }, '_');
+    const auto& [file, line, steps, events] = stories[0];
+    testing::RegisterTest(std::filesystem::path(file).stem().c_str(), name.c_str(), nullptr,
+                          nullptr, file.c_str(), line,
+                          [stories]() -> testing::Test* { return new Heading(stories); });
 }
 
-void register_file(const std::filesystem::path& path) {
-    std::ifstream lines(path);
+void register_file(const std::string& file) {
+    std::ifstream lines(file);
     std::string heading, given;
     std::vector<Story> stories;
     int number = 0;
@@ -71,19 +70,19 @@ void register_file(const std::filesystem::path& path) {
         }
         const auto [mark, text] = cut(item, " ");
         if (mark == "#") {
-            register_heading(path.stem(), heading, path, std::exchange(stories, {}));
+            register_heading(heading, std::exchange(stories, {}));
             heading = text;
-            given.clear();
+            given = "";
         } else if (mark == "given") {
-            given = unescape(text);
+            given = unescape(text + ";");
         } else if (mark == "-") {
             const auto [steps, events] = cut(item.substr(1), " => ");
-            stories.push_back({line, given + ";" + unescape(steps), events});
+            stories.push_back({file, line, given + unescape(steps), events});
         } else {
             must(item.empty());
         }
     }
-    register_heading(path.stem(), heading, path, stories);
+    register_heading(heading, stories);
 }
 
 }  // namespace

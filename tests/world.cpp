@@ -26,12 +26,7 @@
 int tovrel_main();
 
 // The C library's own definition of one of the functions defined below.
-#define REAL(function)                                                                \
-    ([] {                                                                             \
-        static const auto real =                                                      \
-                reinterpret_cast<decltype(&::function)>(dlsym(RTLD_NEXT, #function)); \
-        return real;                                                                  \
-    }())
+#define REAL(function) reinterpret_cast<decltype(&::function)>(dlsym(RTLD_NEXT, #function))
 
 namespace {
 
@@ -53,10 +48,9 @@ std::recursive_mutex world_mutex;
 // A file or pipe that the daemon has left open. /proc may wait for the first walk.
 std::string leaked_file() {
     const std::lock_guard lock(world_mutex);
-    for (const auto& [fd, file] : open_files) {
-        if (file.path != "/proc/") return file.path;
-    }
-    return "";
+    std::string leaked;
+    for (const auto& [fd, file] : open_files) leaked += file.path == "/proc/" ? "" : file.path;
+    return leaked;
 }
 
 // Gives the worker thread of the I/O-wait list time.
@@ -100,7 +94,7 @@ int data_file(const std::string& content) {
 
 int open_played(const std::string& path, int flags) {
     const std::lock_guard lock(world_mutex);
-    if (path.find("/cmdline") != std::string::npos) world->now_ms += world->cost_ms;
+    if (path.find("/cmdline") != std::string::npos) world->now_ms += world->numbers["cost"];
     if (fails("open " + path)) return -1;
     must(flags & O_CLOEXEC);
     const bool is_directory = (flags & O_DIRECTORY) != 0;
@@ -306,14 +300,14 @@ int usleep(useconds_t us) {
     await([] { return queued <= 0; });
     const std::lock_guard lock(world_mutex);
     record("usleep", us);
-    world->now_ms += us / 1000 + world->late_ms;
+    world->now_ms += us / 1000 + world->numbers["late"];
     return 0;
 }
 
 // The top of every turn of the scan loop.
 unsigned alarm(unsigned seconds) noexcept {
     const int64_t now = world->now_ms - start_ms;
-    if (world->turns-- == 0 || now > world->until_ms) end_run();
+    if (world->numbers["turns"]-- == 0 || now > world->numbers["until"] * 1000) end_run();
     const std::lock_guard lock(world_mutex);
     record("calls", world->calls);
     record("alarm", seconds);

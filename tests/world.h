@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,22 +35,23 @@ class World {
     std::set<std::string> untyped;
     std::map<std::string, int> failures;          // errno, negative for the next call alone
     std::multimap<int64_t, std::string> pending;  // steps, by their time in ms
+    std::map<std::string, int64_t> numbers = {
+            {"late", 0}, {"cost", 0}, {"until", 16}, {"turns", 1000}};
     std::string watched = "kill|kmsg";
     bool sorted = false;
-    int64_t now_ms = 1000000, late_ms = 0, cost_ms = 0, until_ms = 16000, turns = 1000;
+    int64_t now_ms = 1000000;
     void (*signal_handler)(int) = nullptr;  // the daemon's
 
-    // For tests that do more than a story can tell.
+    // For what no story can tell. Calls that can fail are counted from 1; `failing_call` fails.
     std::function<void()> on_turn;  // at the top of every turn of the loop
     std::function<void(const std::string& event)> on_event;
-    // Calls that can fail, counted from 1; number `failing_call` fails with `failing_errno`.
     int64_t calls = 0, failing_call = 0;
-    int failing_errno = 0;
+    int failing_errno = EIO;
 
   private:
+    Json::Value* place(const std::string& path);
     void take_step(const std::string& verb, const std::string& rest);
     void put_task(const std::string& ids, const std::string& description);
-    void remove_task(const std::string& ids);
 };
 
 // Inside a run: adds an event of these words; how many files and pipes the daemon has open.
