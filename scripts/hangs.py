@@ -10,7 +10,7 @@ import re
 import sys
 import time as clocks
 from dataclasses import replace
-from typing import NamedTuple, Optional
+from typing import Optional
 
 DATE = (r"(?P<date>(?:\d{4}-)?\d\d-\d\d)[ T](?P<clock>\d\d:\d\d:\d\d)(?:[.,]\d+)?"
         r"(?: ?[+-]\d\d:?\d\d|Z)?")
@@ -27,6 +27,8 @@ FORMS = [re.compile(form) for form in (
     # dmesg and the console
     rf"(?:<\d+>)?\[{SECONDS}\]{CALLER}(?P<text>.*)",
     rf"(?:<\d+>)?\[\w+ (?P<human>\w+ [ \d]\d \d\d:\d\d:\d\d \d+)\]{CALLER}(?P<text>.*)")]
+# Before the line of another log that somebody has copied to the kernel's.
+WRITER = re.compile(r"^\w+: ")
 
 # What the daemon writes.
 FOUND = re.compile(r"proc(?:ess)? (?P<process>\S+) pid changed(?: to (?P<pid>\d+))?\.|"
@@ -77,13 +79,6 @@ class Time:
         return clocks.strftime(form, clocks.gmtime(self.seconds))
 
 
-class Event(NamedTuple):
-    """What is worth telling while a log is written: "found", "dumped", "reported" or "acted"."""
-    kind: str
-    text: str
-    time: Time
-
-
 @dataclasses.dataclass
 class Hang:
     condition: str  # "D", "T", "Z", "unswitch", "missing", "wchan NAME" or "self stuck"
@@ -94,7 +89,7 @@ class Hang:
     process: str = ""
     since: Optional[Time] = None
     dumped: Optional[Time] = None
-    runs: dict = dataclasses.field(default_factory=dict)  # of the daemon and the kernel: numbers
+    logs: dict = dataclasses.field(default_factory=dict)  # that tell of it; of a kernel's, the boot
     reports: dict = dataclasses.field(default_factory=dict)  # by log: their times
     text: str = ""  # of the report
     act: str = ""
@@ -131,18 +126,21 @@ class Reader:
         self.hangs = []
         self._threads, self._processes, self._stacks = {}, {}, {}  # by id
         self._wchans = set()
-        self._runs = {"android": 0, "kernel": 0}
+        self._boot = 0  # numbers what the kernel log has of each
         self._standing = None  # what the daemon has just told to stand still
         self._stack = None  # whose lines are read
         self._last = None  # the hang whose report was read last
         self._read = set()
 
-    def start_file(self):
-        """Two files that have the kernel's log have it from different boots."""
-        self._start_run("kernel")
+    def start_boot(self):
+        """The kernel log that follows is of another boot, as it is in another file."""
+        self._boot += 1
+        self._stack = self._last = None
 
     def feed(self, line):
-        """Takes a line, as bytes. Returns the event that it tells of, if any."""
+        """Takes a line, as bytes. Returns None, or kind ("found", "dumped", "reported" or "acted")
+        and text of what it tells, if that is worth a line while the log is written.
+        """
         if self._stack is None and not TELLING.search(line):
             return None
         time, tag, text = split_form(line.decode("utf-8", "replace").strip("\0\r\n "))
@@ -151,6 +149,7 @@ class Reader:
         if tag is None:
             self._read_stacks(time, text)
             if match := REPORT.fullmatch(text):
+                self._standing = None
                 return self._reported("kernel", time, self._report(time, match))
         return self._read_system(time, text)
 
@@ -159,10 +158,6 @@ class Reader:
             hang.thread = hang.thread or self._threads.get(hang.tid, "")
             hang.process = hang.process or self._processes.get(hang.pid, "")
             hang.stack = hang.stack or self._stacks.get(hang.tid, (None, []))[1]
-
-    def _start_run(self, log):
-        self._runs[log] += 1
-        self._standing = self._stack = self._last = None
 
     def _read_daemon(self, time, text):
         if match := STANDING.fullmatch(text) or BINDER_STANDING.fullmatch(text):
@@ -174,7 +169,7 @@ class Reader:
         if match := FOUND.fullmatch(text):
             name, pid = match["process"] or match["iowait"], match["pid"] or match["iowait_pid"]
             self._processes[number(pid)] = name
-            return Event("found", f"{name}, process {pid}" if pid else name, time)
+            return "found", f"{name}, process {pid}" if pid else name
         if text.startswith("killing "):
             return self._acted(time, text)
         if text == NOTHING and self._standing:
@@ -183,8 +178,6 @@ class Reader:
         if text.startswith("Self stuck!"):
             hang = Hang("self stuck", process="tovrel", text=text, act="restart")
             return self._reported("android", time, hang)
-        if text == "started":
-            self._start_run("android")
         return None
 
     def _stands(self, time, match):
@@ -196,7 +189,7 @@ class Reader:
         self._standing = Hang(condition_of(told["state"], wchan), tid, thread=told["thread"],
                               since=time.minus(int(told["count"]) / 1000))
         self._last = None
-        return Event("found", f"{told['thread']}, thread {tid}", time) if is_new else None
+        return ("found", f"{told['thread']}, thread {tid}") if is_new else None
 
     def _dumped(self, time, match):
         condition = condition_of(match["state"], match["wchan"]) if match["ppid"] else None
@@ -206,12 +199,11 @@ class Reader:
         if self._is_read(time, "dumped", dumped):
             return None
         hang = self._find("android", dumped)
-        if hang is None or "android" in hang.runs:
-            hang = dumped
-            self.hangs.append(hang)
+        if hang is None or "android" in hang.logs:
+            hang = self._add(dumped)
         hang.learn(dumped)
-        hang.runs["android"] = self._runs["android"]
-        return Event("dumped", f"{hang.task or hang.pid} ({hang.condition})", time)
+        hang.logs["android"] = None
+        return "dumped", f"{hang.task or hang.pid} ({hang.condition})"
 
     def _report(self, time, match):
         """The hang as the report has it."""
@@ -227,14 +219,11 @@ class Reader:
         self._last = None
         if self._is_read(time, log, report):
             return None
-        hang = self._find(log, report)
-        if hang is None:
-            hang = report
-            self.hangs.append(hang)
-        if log == "kernel" or log in hang.runs:
+        hang = self._find(log, report) or self._add(report)
+        if log == "kernel" or log in hang.logs:  # what was learnt first, by the better clock
             report = replace(report, since=hang.since)
         hang.learn(report)
-        hang.runs[log] = self._runs[log]
+        hang.logs[log] = self._boot if log == "kernel" else None
         hang.reports.setdefault(log, []).append(time)
         if hang.tid in self._stacks:
             dumped, hang.stack = self._stacks[hang.tid]
@@ -243,15 +232,15 @@ class Reader:
         if sum(map(len, hang.reports.values())) > 1:
             return None
         if not hang.text:
-            return Event("acted", f"{hang.act}: {hang.task}", time)
-        return Event("reported", hang.text, time)
+            return "acted", f"{hang.act}: {hang.task}"
+        return "reported", hang.text
 
     def _acted(self, time, act):
         hang = self._last
         if hang is None or hang.act == act:
             return None
         hang.act = act
-        return Event("acted", f"{act}: {hang.task or hang.text}", time)
+        return "acted", f"{act}: {hang.task or hang.text}"
 
     def _read_stacks(self, time, text):
         if self._stack is not None and FRAME.fullmatch(text):
@@ -271,7 +260,7 @@ class Reader:
         elif match := ACT.fullmatch(text):
             return self._acted(time, "reboot" if match["reboot"] else "crash")
         elif BOOT.fullmatch(text):
-            self._start_run("kernel")
+            self.start_boot()
         return None
 
     def _standing_as(self, condition):
@@ -280,20 +269,21 @@ class Reader:
         return task if task and condition in (None, task.condition) else Hang(condition or "-")
 
     def _find(self, log, task):
-        """The known hang of this task that a line of the log is about."""
-        run = self._runs[log]
-        hangs = [hang for hang in self.hangs
-                 if hang.may_be(task) and hang.runs.get(log, run) == run]
-        behind = [hang for hang in hangs if len(hang.reports.get(log, ())) < hang.reported]
-        return (behind[:1] or hangs[-1:] or [None])[0]
+        """The last hang of this task that a line of the log may be about."""
+        boot = self._boot if log == "kernel" else None
+        return next((hang for hang in reversed(self.hangs)
+                     if hang.may_be(task) and hang.logs.get(log, boot) == boot), None)
+
+    def _add(self, task):
+        self.hangs.append(replace(task, logs={}, reports={}))
+        return self.hangs[-1]
 
     def _is_read(self, time, kind, hang):
         """Whether this was read before, in another copy of the log."""
         line = (time, kind, hang.condition, hang.tid, hang.pid, hang.thread)
-        if time == Time() or line not in self._read:
-            self._read.add(line)
-            return False
-        return True
+        is_read = time != Time() and line in self._read
+        self._read.add(line)
+        return is_read
 
     def _split_wait(self, text):
         """Wait channel and seconds, which a report writes without anything between."""
@@ -308,7 +298,9 @@ def split_form(line):
     for form in FORMS:
         if match := form.match(line):
             part = match.groupdict()
-            return time_of(**part), part.get("tag"), part["text"].strip()
+            outer = time_of(**part), part.get("tag"), part["text"].strip()
+            inner = split_form(WRITER.sub("", outer[2])) if outer[1] is None else outer
+            return outer if inner[0] == Time() else inner
     return Time(), None, line
 
 
@@ -344,7 +336,8 @@ def number(text):
 def table_of(hangs, width=None):
     rows = [("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION")]
     for hang in hangs:
-        reported = f"{hang.reported}x" + (f", {hang.act}" if hang.act else "")
+        reported = f"{hang.reported}x" if hang.reported else "-"
+        reported += f", {hang.act}" if hang.act else ""
         # The row begins with the date.
         since, dumped = (str(time or "-").split()[-1] for time in (hang.since, hang.dumped))
         ids = (str(part or "-") for part in (hang.task, hang.tid, hang.pid, hang.ppid))
@@ -360,10 +353,10 @@ def table(rows, width=None):
         yield line if not width or len(line) <= width else line[:width - 3] + "..."
 
 
-def tell(event, when):
-    """Prints a line about an event."""
-    colour = {"dumped": "yellow", "reported": "red"}.get(event.kind)
-    print(f"{when}  {paint(event.kind.ljust(8), colour)}  {event.text}", flush=True)
+def tell(kind, text, when):
+    """Prints a line about what feed() has returned."""
+    colour = {"dumped": "yellow", "reported": "red"}.get(kind)
+    print(f"{when}  {paint(kind.ljust(8), colour)}  {text}", flush=True)
 
 
 def paint(text, colour):
