@@ -1,5 +1,4 @@
-// As on a device, process 1 reboots for a caller that lacks the capability: it is asked through a
-// FIFO.
+// The caller lacks the capability to reboot. As on a device, process 1 is asked to.
 
 #include <cutils/android_reboot.h>
 #include <fcntl.h>
@@ -7,9 +6,8 @@
 #include <unistd.h>
 
 int android_reboot(unsigned cmd, int /*flags*/, const char* reason) {
-    if (cmd != ANDROID_RB_RESTART2) return -1;
     const int request = open("/run/reboot", O_WRONLY | O_CLOEXEC);
-    if (request == -1) return -1;
+    if (request == -1 || cmd != ANDROID_RB_RESTART2) return -1;
     dprintf(request, "%s\n", reason);
     return close(request);
 }
