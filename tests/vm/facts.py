@@ -114,11 +114,14 @@ FACTS = [
          [r"^no_group: process stuck_stopped pid changed"]),
     Fact("without SysRq's file each command says so, the rest goes on", "means",
          [r"^no_sysrq: open sysrq failed!$.*^no_sysrq: open sysrq failed!$.*"
-          r"^no_sysrq: dumped:(\d+) stuck_stopped .*^no_sysrq: killing \1$"]),
+          r"^no_sysrq: dumped:(\d+) stuck_stopped .*^no_sysrq: killing \1$.*"
+          r"^after no_sysrq: stuck_stopped Z \(zombie\) \1$"]),
     Fact("stalled, it dumps and kills itself; anew, it finds the same task", "means",
-         [r"^watchdog: process stuck_vfork pid changed to (\d+)\.$.*^supervisor: .* status 137$.*"
+         [r"^stuck_tasks: process D stuck_vfork - (\d+) .*^watchdog: started$.*"
+          r"^sysrq: Show Blocked State$.*^sysrq: Show backtrace.*^supervisor: .* status 137$.*"
           r"^watchdog: process stuck_vfork pid changed to \1\.$",
-          r"^sysrq: Show Blocked State$.*^watchdog: Self stuck! restarting\.\.\.$.*^supervisor: "]),
+          r"^watchdog: Self stuck! restarting\.\.\.$"],
+         [r"^watchdog: thread: stuck_vfork .*^supervisor: "]),
     Fact("a minute of scans leaves no descriptor and no child", "detectors",
          [rf"^resources: {name} (fds=\d children=0)$.*^resources: {name} \1$"
           for name in ("nothing", "shell")]),
