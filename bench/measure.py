@@ -116,8 +116,9 @@ def scans(repetitions):
         print(f"measuring {size} processes of {THREADS} threads '{thread}' ...", flush=True)
         names = [f"population_{i}" for i in range(size)]
         threads = [f"{thread}{i}" for i in range(THREADS)]
+        count = repetitions if size == MAIN else (repetitions + 1) // 2
         with population([[name, *threads] for name in names]):
-            sampled = sample(rows(names, threads), repetitions, size == MAIN)
+            sampled = sample(rows(names, threads), count, size == MAIN)
         first = measured.pop(size, {PS: None})
         del first[PS]  # the others are compared with that of the second population
         measured[size] = first | sampled
