@@ -22,14 +22,13 @@ std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call) 
 
     world.on_event = [&](const std::string& event) {
         if (event.rfind("alarm", 0) == 0) must(++armed == 1);
-        if (event.rfind("per_task", 0) == 0) {
-            char thread[16];
-            pthread_getname_np(pthread_self(), thread, sizeof(thread));
-            must(thread == std::string("workThread"));
-        }
+        char thread[16];
+        pthread_getname_np(pthread_self(), thread, sizeof(thread));
+        must(event.rfind("per_task", 0) != 0 || thread == std::string("workThread"));
         if (event.rfind("kill", 0) != 0 && event.rfind("kmsg", 0) != 0) return;
         const std::string pid = std::to_string(app) + " ";
-        must(stuck_since != 0 && (event.find("kill " + pid) == 0 || event.find(" pid:" + pid) > 0));
+        must(stuck_since != 0 &&
+             (event.find("kill " + pid) == 0 || event.find(" pid:" + pid) < event.size()));
         ++reports;
     };
     world.on_turn = [&] {

@@ -129,8 +129,6 @@ void World::take_step(const std::string& verb, const std::string& rest) {
         files[key] = value;
     } else if (verb == "unlink") {
         files.erase(rest);
-    } else if (verb == "untyped") {
-        untyped.insert(rest);
     } else if (verb == "sh") {
         outputs[cut(rest, " prints ").first] = cut(rest, " prints ").second;
     } else if (verb == "fail") {

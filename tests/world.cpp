@@ -11,7 +11,6 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -109,8 +108,7 @@ int open_played(const std::string& path, int flags) {
     for (auto below = world->files.lower_bound(path);
          below != world->files.end() && below->first.rfind(path, 0) == 0; ++below) {
         const auto [name, rest] = cut(below->first.substr(path.size()), "/");
-        // A type of 0 leaves it to the daemon to find out.
-        const char type = world->untyped.count(name) != 0 ? '0' : rest.empty() ? '8' : '4';
+        const char type = rest.empty() ? '8' : '4';
         if (!name.empty() && file.entries.back() != type + name) {
             file.entries.push_back(type + name);
         }
@@ -266,13 +264,6 @@ long syscall(long number, ...) {
         return getdents_played(static_cast<int>(a[0]), reinterpret_cast<char*>(a[1]), a[2]);
     }
     return REAL(syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
-}
-
-int lstat(const char* path, struct stat* status) noexcept {
-    if (!is_played(path)) return REAL(lstat)(path, status);
-    record("lstat", path);
-    status->st_mode = exists_below(std::string(path) + "/") ? S_IFDIR : S_IFREG;
-    return fails(std::string("lstat ") + path) ? -1 : 0;
 }
 
 FILE* popen(const char* command, const char* mode) {

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -32,7 +31,6 @@ class World {
     Json::Value config;
     std::map<std::string, std::map<std::string, Task>> tasks;  // by process and thread id
     std::map<std::string, std::string> files, properties, outputs;
-    std::set<std::string> untyped;
     std::map<std::string, int> failures;          // errno, negative for the next call alone
     std::multimap<int64_t, std::string> pending;  // steps, by their time in ms
     std::map<std::string, int64_t> numbers = {
