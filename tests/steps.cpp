@@ -11,24 +11,20 @@
 namespace {
 
 // Where the configuration has what a verb sets.
-const std::map<std::string, std::string> kPlaces = {{"main", "switches.main"},
-                                                    {"debug", "switches.debug"},
-                                                    {"shell", "switches.use_shell"},
-                                                    {"policy", "policy"},
-                                                    {"timeout", "scan.timeout_second"},
-                                                    {"timeout_min", "scan.timeout_min_second"},
-                                                    {"interval_min", "scan.interval_min_second"},
-                                                    {"log_timeout", "scan.log_timeout_second"},
-                                                    {"round", "scan.round"},
-                                                    {"process", "monitor_process"},
-                                                    {"binder", "monitor_binder"},
-                                                    {"iowait", "black_white_list"},
-                                                    {"platform", "default_open_hw_list"}};
+std::string place_of(const std::string& verb) {
+    constexpr char kPlaces[] =
+            " main=switches.main debug=switches.debug shell=switches.use_shell policy=policy"
+            " timeout=scan.timeout_second timeout_min=scan.timeout_min_second round=scan.round"
+            " interval_min=scan.interval_min_second log_timeout=scan.log_timeout_second"
+            " process=monitor_process binder=monitor_binder iowait=black_white_list"
+            " platform=default_open_hw_list";
+    return cut(cut(kPlaces, " " + verb + "=").second, " ").first;
+}
 
 Json::Value value_of(const std::string& verb, const std::string& words) {
     if (words == "on" || words == "off") return words == "on";
     if (verb == "policy") return words;
-    if (kPlaces.at(verb)[0] == 's') return std::stoi(words);
+    if (place_of(verb)[0] == 's') return std::stoi(words);
     Json::Value section;
     section["enable"] = true;
     for (const std::string& word : split(words, " ")) {
@@ -78,7 +74,7 @@ World::World(const std::string& steps) {
         files[std::string("/proc/sys/hung_task_enh/") + name] = "";
     }
     for (const char* verb : {"process", "binder", "iowait", "platform"}) {
-        config[kPlaces.at(verb)] = Json::objectValue;
+        config[place_of(verb)] = Json::objectValue;
     }
     take("main on; debug on; policy reboot; timeout 8; round 8; interval_min 1; log_timeout 99");
     take(steps);
@@ -109,7 +105,7 @@ void World::take(const std::string& steps) {
     }
 }
 
-Json::Value* World::place(const std::string& path) {
+Json::Value* World::at(const std::string& path) {
     Json::Value* value = &config;
     for (const std::string& name : split(path, ".")) value = &(*value)[name];
     return value;
@@ -117,10 +113,10 @@ Json::Value* World::place(const std::string& path) {
 
 void World::take_step(const std::string& verb, const std::string& rest) {
     const auto [key, value] = cut(rest, "=");
-    if (kPlaces.count(verb) != 0) {
-        *place(kPlaces.at(verb)) = value_of(verb, rest);
+    if (!place_of(verb).empty()) {
+        *at(place_of(verb)) = value_of(verb, rest);
     } else if (verb == "conf") {
-        must(Json::Reader().parse(value, *place(key)));
+        must(Json::Reader().parse(value, *at(key)));
     } else if (numbers.count(verb) != 0) {
         numbers[verb] = std::stoi(rest);
     } else if (verb == "prop") {

@@ -47,12 +47,14 @@ class World {
     int failing_errno = EIO;
 
   private:
-    Json::Value* place(const std::string& path);
+    Json::Value* at(const std::string& path);
     void take_step(const std::string& verb, const std::string& rest);
     void put_task(const std::string& ids, const std::string& description);
 };
 
-// Inside a run: adds an event of these words; how many files and pipes the daemon has open.
+size_t open_file_count();  // of files and pipes that the daemon has open
+
+// Inside a run: adds an event of these words.
 void add_event(const std::string& event);
 template <typename... Words>
 void record(const Words&... words) {
@@ -61,7 +63,6 @@ void record(const Words&... words) {
     ((event << std::exchange(gap, " ") << words), ...);
     add_event(event.str());
 }
-size_t open_file_count();
 
 // Ends a run, and its test with it, unless `holds`.
 void must(bool holds);
