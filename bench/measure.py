@@ -6,10 +6,13 @@ import os
 import pathlib
 import random
 import subprocess
+import sys
 import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.append(str(ROOT / "scripts"))
+import sandbox
 BUILD = ROOT / "build/bench"
 ENVIRONMENT = os.environ | {"PATH": f"{ROOT}/host/bin:{os.environ['PATH']}", "TERM": "dumb"}
 SIZES, MAIN = (50, 200, 800), 200  # numbers of processes
@@ -36,15 +39,12 @@ def population(processes):
 def daemon(config):
     """Runs the daemon itself, in a sandbox; gives its directory of /proc."""
     with tempfile.TemporaryDirectory() as directory:
-        pathlib.Path(directory, "config").write_text(json.dumps(config))
-        start = ('source scripts/sandbox.bash; create_sandbox "$1/sandbox" "$1/config"; '
-                 'exec_daemon "$0" "$1/sandbox"')
-        command = ["bash", "-c", start, BUILD, directory]
-        with subprocess.Popen(command, cwd=ROOT, stderr=subprocess.DEVNULL) as running:
-            try:
-                yield pathlib.Path(f"/proc/{running.pid}")
-            finally:
-                running.kill()
+        file = pathlib.Path(directory, "config")
+        file.write_text(json.dumps(config))
+        sandbox.create(f"{directory}/sandbox", file)
+        command = sandbox.command(BUILD, f"{directory}/sandbox", send_signals=False)
+        with sandbox.run(command, os.devnull) as (running, _):
+            yield pathlib.Path(f"/proc/{running.pid}")
 
 
 def watch(section, **settings):
