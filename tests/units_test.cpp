@@ -6,7 +6,7 @@
 #include "core/log.h"
 #include "modules/config.h"
 #include "modules/iowait/black_white_list.h"
-#include "proc/exec_command.h"
+#include "proc/shell_command.h"
 #include "proc/proc_readers.h"
 #include "proc/string_split.h"
 #include "world.h"
