@@ -14,9 +14,10 @@ CONFIG = "vendor/etc/tovrel.json"
 # What the kernel has on a device.
 KERNEL_LOG = "dev/kmsg"
 SYSRQ = "proc/sysrq-trigger"
-EXTENSION = "proc/sys/hung_task_enh"
-EXTENSION_FILES = ("global_detect_mode", "max_iowait_timeout_cnt", "max_iowait_task_cnt",
-                   "per_task_detect_mode")
+EXTENSION = "proc/sys/hung_task_enh/"
+PER_TASK = EXTENSION + "per_task_detect_mode"
+FILES = (KERNEL_LOG, SYSRQ, PER_TASK, EXTENSION + "global_detect_mode",
+         EXTENSION + "max_iowait_timeout_cnt", EXTENSION + "max_iowait_task_cnt")
 
 # What the sandbox must catch, in all but the languages' own libraries and the host's properties.
 CAUGHT = re.compile(r"_*(f|fre)?open(at)?(64)?(_2)?|creat(64)?|kill|_ZN\w*(filebuf|fstream)\w*")
@@ -27,7 +28,7 @@ BINDING = re.compile(r"binding file (\S+) \[0\] to (\S+) \[0\]: normal symbol `(
 def create(directory, config):
     """Lays out the daemon's configuration, and empty files in the place of the kernel's."""
     directory = pathlib.Path(directory)
-    for name in (KERNEL_LOG, SYSRQ, *(f"{EXTENSION}/{file}" for file in EXTENSION_FILES)):
+    for name in FILES:
         (directory / name).parent.mkdir(parents=True, exist_ok=True)
         (directory / name).touch()
     (directory / CONFIG).parent.mkdir(parents=True, exist_ok=True)
@@ -54,6 +55,8 @@ def command(build_dir, directory, properties=None, send_signals=True):
 
 def bindings_past(daemon, library):
     """Which functions the loader would take from elsewhere than the preloaded library."""
+    if b"/ld-linux" not in daemon.read_bytes()[:4096]:
+        return "it is not linked dynamically"
     # Like `ldd -r`: all is loaded and bound, and nothing runs.
     trace = subprocess.run([daemon], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                            env={**os.environ, "LD_PRELOAD": str(library),
@@ -94,9 +97,7 @@ def run(daemon_command, log):
 
 
 def follow(daemon, *files):
-    """The lines that are added to the files while the daemon runs, each with its file; empty ones
-    while none are.
-    """
+    """File and line of what is added to the files while the daemon runs; empty when nothing is."""
     while True:
         has_ended = daemon.poll() is not None
         for file in files:
