@@ -154,9 +154,7 @@ std::string list_events(const std::string& recorded, bool sorted) {
 }  // namespace
 
 std::string World::run(const std::function<void()>& body) {
-    Json::Value document;
-    document["Config"] = config;
-    files.emplace("/vendor/etc/tovrel.json", document.toStyledString());
+    files.emplace("/vendor/etc/tovrel.json", "{\"Config\":" + config.toStyledString() + "}");
     std::string lines = "# comment=1\n";
     for (const auto& [name, value] : properties) lines += name + "=" + value + "\n";
     const int property_file = data_file(lines), events = data_file("");
