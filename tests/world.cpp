@@ -194,6 +194,7 @@ void add_event(const std::string& event) {
 }
 
 size_t open_file_count() {
+    const std::lock_guard lock(world_mutex);
     return open_files.size();
 }
 
