@@ -62,6 +62,8 @@ TEST(Functions, HoldAtTheirLimits) {
         record(std::string(output, 5));
         exec_command("long", output);
         record(strlen(output));
+        exec_command("broken", output);
+        record(strlen(output));
         exec_command(nullptr, output);
         exec_command("long", nullptr);
         BlackWhiteList iowait;
@@ -72,10 +74,12 @@ TEST(Functions, HoldAtTheirLimits) {
         iowait.pre_check();
         must(iowait.need_traverse());
     };
-    EXPECT_EQ(World("watch .; sh short prints abc; sh long prints " + std::string(3000, 'x'))
+    EXPECT_EQ(World("watch .; fail popen broken ENOMEM; sh short prints abc; sh long prints " +
+                    std::string(3000, 'x'))
                       .run(body),
               "@0 I Null procRecord., I killing 5, kill 5 9, reboot tovrel, popen r short, abc.., "
-              "popen r long, 1023, E Empty bw list., I bw add proc app pid=5, "
+              "popen r long, 1023, popen r broken, I [sh] broken failed, 0, E Empty bw list., I bw "
+              "add proc app pid=5, "
               "I bw proc app not found, traverse.");
     EXPECT_EQ(string_split(" a/b:", "/:"), (std::vector<std::string>{" a", "b"}));
     EXPECT_EQ(string_split("a b", ""), std::vector<std::string>{"a b"});
