@@ -55,7 +55,8 @@ FACTS = [
          [r"^credentials: kill Uid: 0 0 0 0 Gid: 3009 3009 3009 3009 Groups: "
           r"CapPrm: 0{14}20 CapEff: 0{14}20$"]),
     Fact("panic: the report is one record, unchanged", "panic",
-         [r"^stuck_tasks: process D stuck_vfork - (\d+) \1 (\d+) .*^tid:\1 pid:\1 ppid:\2 in D 6s$"]),
+         [r"^stuck_tasks: process D stuck_vfork - (\d+) \1 (\d+) .*"
+          r"^tid:\1 pid:\1 ppid:\2 in D 6s$"]),
     Fact("panic: SysRq w lists the stuck task, l follows; the crash 3 s later", "panic",
          [r"^tid:(\d+) .*^sysrq: Show Blocked State$.*^task:stuck_vfork +state:D .*? pid:\1 .*"
           r"(?P<a>^sysrq: Show backtrace of all active CPUs$).*(?P<b>^sysrq: Trigger a crash$)\n"
@@ -66,7 +67,8 @@ FACTS = [
           r"^pstore: .*\] sysrq: Show backtrace of all active CPUs$.*"
           r"^pstore: .*\] Kernel panic - not syncing: sysrq triggered crash$"]),
     Fact("reboot: the report, then a restart with the reason \"tovrel\"", "reboot",
-         [r"^tid:(\d+) pid:\1 ppid:\d+ in T 6s$.*^reboot: Restarting system with command 'tovrel'$"]),
+         [r"^tid:(\d+) pid:\1 ppid:\d+ in T 6s$.*"
+          r"^reboot: Restarting system with command 'tovrel'$"]),
     Fact("kill: a stopped process of another user is gone", "kill",
          [r"^stuck_tasks: process T stuck_stopped - (\d+) .*^kill: killing \1$.*"
           r"^after kill: stuck_stopped Z \(zombie\) \1$"]),
@@ -78,11 +80,12 @@ FACTS = [
           for name in ("healthy_app", "healthy_busy")]),
     Fact("nothing: dumps, no report, no act", "detectors",
          [r"^sysrq: Show Blocked State$.*^nothing: dumped:(\d+) stuck_stopped .*"
-          r"^nothing: thread: stuck_stopped tid=\1, .*^nothing: nothing to do according to policy$.*"
-          r"^after nothing: stuck_stopped T \(stopped\) \1$"],
+          r"^nothing: thread: stuck_stopped tid=\1, .*^nothing: nothing to do according to policy$"
+          r".*^after nothing: stuck_stopped T \(stopped\) \1$"],
          [r"^(\S+ in )?(tid:\d+ )?pid:\d+ ppid:", r"^nothing: killing"]),
     Fact("frozen by the v1 freezer, state D: not judged", "means",
-         [r"^frozen: process healthy_busy pid changed.*^freezer: State: D \(disk sleep\) in frozen$"],
+         [r"^frozen: process healthy_busy pid changed.*"
+          r"^freezer: State: D \(disk sleep\) in frozen$"],
          [r"^frozen: (thread:|dumped).*^freezer: moved out"]),
     Fact("moved out of the group \"frozen\" and stuck: judged", "means",
          [r"^freezer: moved out.*^frozen: dumped:\d+ healthy_busy parent=\d+ stat=T$"]),

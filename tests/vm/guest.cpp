@@ -46,7 +46,8 @@ void run_as(char** arguments) {
 
 void restart(const char* reason) {
     if (getpid() != 1) return;  // anywhere else it could be a host
-    syscall(SYS_reboot, LINUX_REBOOT_MAGIC1, LINUX_REBOOT_MAGIC2, LINUX_REBOOT_CMD_RESTART2, reason);
+    syscall(SYS_reboot, LINUX_REBOOT_MAGIC1, LINUX_REBOOT_MAGIC2, LINUX_REBOOT_CMD_RESTART2,
+            reason);
 }
 
 // Mounts /fuse. Answers the first request, without which no other would be sent, and none after it.
