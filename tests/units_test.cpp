@@ -5,9 +5,8 @@
 #include "core/hang_policy.h"
 #include "core/log.h"
 #include "modules/config.h"
-#include "modules/iowait/black_white_list.h"
-#include "proc/shell_command.h"
 #include "proc/proc_readers.h"
+#include "proc/shell_command.h"
 #include "proc/string_split.h"
 #include "world.h"
 
@@ -66,21 +65,12 @@ TEST(Functions, HoldAtTheirLimits) {
         record(strlen(output));
         exec_command(nullptr, output);
         exec_command("long", nullptr);
-        BlackWhiteList iowait;
-        iowait.debug = true;
-        iowait.check_process_sh();
-        iowait.list = {"app"};
-        iowait.check_process("app", 5, "");
-        iowait.pre_check();
-        must(iowait.need_traverse());
     };
     EXPECT_EQ(World("watch .; fail popen broken ENOMEM; sh short prints abc; sh long prints " +
                     std::string(3000, 'x'))
                       .run(body),
               "@0 I Null procRecord., I killing 5, kill 5 9, reboot tovrel, popen r short, abc.., "
-              "popen r long, 1023, popen r broken, I [sh] broken failed, 0, E Empty bw list., I bw "
-              "add proc app pid=5, "
-              "I bw proc app not found, traverse.");
+              "popen r long, 1023, popen r broken, I [sh] broken failed, 0");
     EXPECT_EQ(string_split(" a/b:", "/:"), (std::vector<std::string>{" a", "b"}));
     EXPECT_EQ(string_split("a b", ""), std::vector<std::string>{"a b"});
 }

@@ -33,9 +33,9 @@ namespace {
 void run_as(char** arguments) {
     std::set<int> kept;
     const std::string names = arguments[2];
-    if (names.find("KILL") != names.npos) kept.insert(CAP_KILL);
-    if (names.find("SYS_ADMIN") != names.npos) kept.insert(CAP_SYS_ADMIN);
-    if (names.find("SYS_PTRACE") != names.npos) kept.insert(CAP_SYS_PTRACE);
+    if (names.find("KILL") != std::string::npos) kept.insert(CAP_KILL);
+    if (names.find("SYS_ADMIN") != std::string::npos) kept.insert(CAP_SYS_ADMIN);
+    if (names.find("SYS_PTRACE") != std::string::npos) kept.insert(CAP_SYS_PTRACE);
     for (int capability = 0; capability <= CAP_LAST_CAP; ++capability) {
         // What the bounding set lacks, root does not regain by the exec.
         if (kept.count(capability) == 0) prctl(PR_CAPBSET_DROP, capability);
@@ -52,7 +52,7 @@ void restart(const char* reason) {
 
 // Mounts /fuse. Answers the first request, without which no other would be sent, and none after it.
 void serve_fuse() {
-    const int device = open("/dev/fuse", O_RDWR);
+    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
     const std::string options =
             "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
     if (mount("guest", "/fuse", "fuse", 0, options.c_str()) != 0) return;
@@ -71,8 +71,8 @@ void serve_fuse() {
 }
 
 int open_binder() {
-    const int device = open("/dev/binder", O_RDWR);
-    mmap(nullptr, 65536, PROT_READ, MAP_PRIVATE, device, 0);
+    const int device = open("/dev/binder", O_RDWR | O_CLOEXEC);
+    if (mmap(nullptr, 65536, PROT_READ, MAP_PRIVATE, device, 0) == MAP_FAILED) perror("binder");
     return device;
 }
 
@@ -112,7 +112,7 @@ void call_binder() {
 
 void wait(const std::string& kind, const std::string& where) {
     prctl(PR_SET_NAME, ("Binder:" + where.substr(0, 1) + "_" + kind).c_str());
-    if (kind == "fuse") open(("/fuse/" + where).c_str(), O_RDONLY);
+    if (kind == "fuse") open(("/fuse/" + where).c_str(), O_RDONLY | O_CLOEXEC);
     if (kind == "call") call_binder();
     std::mutex mutex;
     mutex.lock();
