@@ -48,6 +48,11 @@ TEST(Config, PassesOverModulesThatAreOff) {
 
 TEST(Functions, HoldAtTheirLimits) {
     const auto body = [] {
+        const Config& config = Config::get();
+        record("off:", config.enable, config.debug, config.use_shell, config.process_enable,
+               config.binder_enable, config.hw_enable, config.bw_enable, "policy:", config.policy,
+               config.bw_mode, "ms:", config.timeout, config.timeout_min, config.interval,
+               config.interval_min, config.log_timeout, config.round);
         debug_gate = true;
         read_stat(nullptr, "/proc/9", 500);
         std::string no_report;
@@ -69,8 +74,9 @@ TEST(Functions, HoldAtTheirLimits) {
     EXPECT_EQ(World("watch .; fail popen broken ENOMEM; sh short prints abc; sh long prints " +
                     std::string(3000, 'x'))
                       .run(body),
-              "@0 I Null procRecord., I killing 5, kill 5 9, reboot tovrel, popen r short, abc.., "
-              "popen r long, 1023, popen r broken, I [sh] broken failed, 0");
+              "@0 off: 0 0 0 0 0 0 0 policy: 3 1 ms: 0 0 0 0 0 0, I Null procRecord., I killing 5, "
+              "kill 5 9, reboot tovrel, popen r short, abc.., popen r long, 1023, popen r broken, "
+              "I [sh] broken failed, 0");
     EXPECT_EQ(string_split(" a/b:", "/:"), (std::vector<std::string>{" a", "b"}));
     EXPECT_EQ(string_split("a b", ""), std::vector<std::string>{"a b"});
 }
