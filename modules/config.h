@@ -49,8 +49,9 @@ class Config : public Module {
     // The value of a system property, `default_value` when it is unset or empty. Logged with debug.
     std::string get_prop_string(const char* name, const char* default_value) const;
 
-    // Applies the system properties that override the configuration file, builds the process
-    // detector, and clears `enable` when no detector is switched on.
+    // Applies the system properties of time-out, policy and processes (the others are read with
+    // their sections of the file), builds the process detector, and clears `enable` when no
+    // detector is switched on.
     void init_second_stage();
 
     bool use_shell = false;  // find tasks with shell commands instead of the /proc walk

@@ -15,11 +15,11 @@
 void dump_stacks(uint32_t pid, bool zygote_child);
 
 // The stage that is due for a task in state D, T or Z, whose process is a `zygote_child` or not.
-// The first time, true: asks its process for stacks, or the parent that has not reaped it where it
-// is a zombie, and the kernel for its blocked tasks and the backtraces of all processors; gives
-// them 3 s and marks the task `reported`. After that, false: hands the report to the policy, which
-// acts on the parent of a zombie, else on the task's own process. `timeout` is the hang time-out in
-// ms.
+// Returns whether it dumped. The first time, true: asks its process for stacks, or the parent that
+// has not reaped it where it is a zombie, and the kernel for its blocked tasks and the backtraces
+// of all processors; gives them 3 s and marks the task `reported`. After that, false: hands the
+// report to the policy, which acts on the parent of a zombie, else on the task's own process.
+// `timeout` is the hang time-out in ms.
 bool respond_blocked(proc* task, bool zygote_child, int64_t timeout);
 
 // A duration in ms as a report states it: "120s", fractions cut off.

@@ -48,7 +48,8 @@ def told(sections, properties="", scan=(120, 6, 5)):
     names = ("timeout_second", "round", "interval_min_second", "timeout_min_second")
     calm = {"switches": {"main": True}, "policy": "kill", "scan": dict(zip(names, scan))}
     text = json.dumps({"Config": {key: {} for key in CONFIG} | calm | sections})
-    return TOOL["report"](text.encode(), TOOL["read_properties"](properties)), file_of(text)
+    lines = "\n".join(OWN + line for line in properties.splitlines())
+    return TOOL["report"](text.encode(), TOOL["read_properties"](lines)), file_of(text)
 
 def watch(*processes):
     entries = [{"process": name, "thread": threads} for name, *threads in processes]

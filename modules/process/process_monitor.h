@@ -12,7 +12,7 @@
 
 // One process to watch and the live process it is bound to.
 struct process_info {
-    bool started = false;       // seen alive in the current scan
+    bool started = false;       // met by the last walk or listing, false while unbound
     bool main_only = false;     // watched as a whole, through its main thread
     bool zygote_child = false;  // its parent is a zygote; in shell mode also if one was
     int32_t pid = -1;           // live process, -1 while unbound
