@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <random>
+#include <set>
 
 #include "world.h"
 
@@ -20,7 +21,12 @@ std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call) 
     int64_t stuck_since = world.now_ms, turn = 0, progress = 0, settled_memory = 0;
     int app = 100, reports = 0, armed = 0;
 
+    // Without debug the daemon tells no more than this.
+    const std::set<std::string> lines = {"D started", "E read config file failed",
+                                         "E init failed because of open proc",
+                                         "E open sysrq failed!"};
     world.on_event = [&](const std::string& event) {
+        must(event[1] != ' ' || lines.count(event) != 0);
         if (event.rfind("alarm", 0) == 0) must(++armed == 1);
         char thread[16];
         pthread_getname_np(pthread_self(), thread, sizeof(thread));
@@ -50,12 +56,21 @@ std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call) 
             app = 100 + static_cast<int>(random() % 50);
         }
         const std::string ticks = " ticks=" + std::to_string(progress);
-        const std::string pid = std::to_string(app), moving = " ticks=" + std::to_string(turn);
+        const std::string pid = std::to_string(app),
+                          moving = " ticks=" + std::to_string(turn) +
+                                   (one_in(9) ? " cgroup=/frozen" : " cgroup=/");
         world.take(pid + " app D" + ticks + ";" + pid + "/60 Binder:1 D" + ticks + ";" + pid +
                    "/61 x S ticks=900; 70 srv S" + moving + "; 70/71 t D" + moving +
                    "; 70/72 Binder:2 S wchan=w" + moving);
         if (one_in(20)) world.files["/proc/" + pid + "/stat"] = "9 (garbage\xff) ?";
+        if (one_in(20)) world.files["/proc/" + pid + "/cmdline"] = one_in(2) ? "other" : "";
+        if (one_in(20)) world.files["/proc/70/task/71/comm"] = "other";
         if (one_in(20)) world.files["/proc/70/task/72/status"] = "\nUid:";
+        world.outputs.clear();
+        if (one_in(20)) world.outputs["ps -e|grep -E \"app|srv\""] = "x\nu 9 1 1 2 0 0 S app\n";
+        if (one_in(20)) world.outputs["ps -e -T|grep Binder:"] = "x\n";
+        // Its thread id goes over to a process of another user.
+        world.take(one_in(20) ? "80 x S; 80/72 Binder:2 D uid=1" : "-80");
         if (turn % 1000 == 0) {
             const auto memory = static_cast<int64_t>(mallinfo2().uordblks);
             if (settled_memory == 0) settled_memory = memory;

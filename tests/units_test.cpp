@@ -11,7 +11,7 @@
 #include "world.h"
 
 TEST(Faults, NeitherStopTheDaemonNorAccuseAHealthyTask) {
-    for (const std::string mode : {"shell off;", "shell on;"}) {
+    for (const std::string mode : {"shell off;", "shell on;", "conf monitor_binder={};"}) {
         EXPECT_EQ(soak(mode + "turns 600", 1), "nothing");
         // Those of the start, one by one.
         for (int call = 1; call <= 50; ++call) {

@@ -266,6 +266,7 @@ long syscall(long number, ...) {
 }
 
 FILE* popen(const char* command, const char* mode) {
+    const std::lock_guard lock(world_mutex);
     record("popen", mode, command);
     if (fails(std::string("popen ") + command)) return nullptr;
     const int fd = data_file(world->output_of(command));
@@ -274,6 +275,7 @@ FILE* popen(const char* command, const char* mode) {
 }
 
 int pclose(FILE* stream) {
+    const std::lock_guard lock(world_mutex);
     open_files.erase(fileno(stream));
     fclose(stream);
     return fails("pclose") ? -1 : 0;
