@@ -1,96 +1,98 @@
-"""What logs tell about hung tasks.
-
-A Reader is fed the lines of Android and kernel logs and of crash dumps, in any mixture, and
-collects the hangs in them.
-"""
+"""What Android and kernel logs and crash dumps, in any mixture, tell about hung tasks."""
 import calendar
 import dataclasses
 import os
 import re
 import sys
 import time as clocks
-from dataclasses import replace
-from typing import Optional
 
-DATE = (r"(?P<date>(?:\d{4}-)?\d\d-\d\d)[ T](?P<clock>\d\d:\d\d:\d\d)(?:[.,]\d+)?"
-        r"(?: ?[+-]\d\d:?\d\d|Z)?")
-SECONDS = r"\s*(?P<seconds>\d{1,10}\.\d+)"
-CALLER = r"(?: ?\[[^\]]*\])?"
+# How a time is written, by its clock.
+DATE, YEAR, UPTIME, NO_CLOCK = "%m-%d %H:%M:%S", "%Y-%m-%d %H:%M:%S", "uptime", "?"
+RED, GREEN, YELLOW = 31, 32, 33
+UNKNOWN = 2 ** 32 - 1  # how the daemon prints an id that it does not have
+
+STAMP = r"\s*(?P<stamp>(?:\d{4}-)?\d\d-\d\d \d\d:\d\d:\d\d|\d+\.\d+)(?:\.\d+)?(?: [+-]\d{4})?"
 # The forms of a line. One that has none of them is the kernel's or a crash dump's, as it stands.
 FORMS = [re.compile(form) for form in (
     # logcat -v threadtime, year or epoch; a bug report adds the user
-    rf"(?:{DATE}|{SECONDS})\s+(?:\S+\s+)?\d+\s+\d+ [VDIWEF] (?P<tag>.*?)\s*: (?P<text>.*)",
-    # logcat -v time, brief or tag
-    rf"(?:{DATE} )?[VDIWEF]/(?P<tag>.*?)\s*(?:\(\s*\d+\))?: (?P<text>.*)",
-    # the log library on a host
-    rf"(?P<tag>\w+) [VDIWEF] {DATE}\s+\d+\s+\d+ (?P<text>.*)",
-    # dmesg and the console
-    rf"(?:<\d+>)?\[{SECONDS}\]{CALLER}(?P<text>.*)",
-    rf"(?:<\d+>)?\[\w+ (?P<human>\w+ [ \d]\d \d\d:\d\d:\d\d \d+)\]{CALLER}(?P<text>.*)")]
-# Before the line of another log that somebody has copied to the kernel's.
-WRITER = re.compile(r"^\w+: ")
+    rf"{STAMP}\s+(?:\S+\s+)?\d+\s+\d+ [VDIWEF] (?P<tag>.*?)\s*: (?P<text>.*)",
+    # logcat -v time or brief
+    rf"(?:{STAMP} )?[VDIWEF]/(?P<tag>.*?)\s*\(\s*\d+\): (?P<text>.*)",
+    # the log library on a host, also on the console of a machine
+    rf"(?:\[.*?\] \w+: )?(?P<tag>\w+) [VDIWEF] {STAMP}\s+\d+\s+\d+ (?P<text>.*)",
+    # dmesg and the console, with or without the caller
+    rf"(?:<\d+>)?\[{STAMP}\](?: ?\[[^\]]*\])?(?P<text>.*)")]
 
-# What the daemon writes.
-FOUND = re.compile(r"proc(?:ess)? (?P<process>\S+) pid changed(?: to (?P<pid>\d+))?\.|"
-                   r"bw add proc (?P<iowait>.*) pid=(?P<iowait_pid>\d+)")
-STANDING = re.compile(r"thread: (?P<thread>.*) tid=(?P<tid>\d+), count=(?P<count>\d+), "
-                      r"state=(?P<state>.)")
-BINDER_STANDING = re.compile(r"(?P<thread>.*) (?P<tid>\d+) state=(?P<state>.) wchan=(?P<wchan>.*) "
-                             r"count=(?P<count>\d+)")
-# In shell mode the name ends with a line feed, and the rest of the message is a line of its own.
-DUMPED = re.compile(r"dumped(?: hung proc)?:(?P<pid>\d+)(?: (?P<process>\S+))?"
-                    r"(?: parent=(?P<ppid>\d+) (?:stat=(?P<state>.)|wchan=(?P<wchan>.*)))?")
-REPORT = re.compile(
-    r"(?:tid:(?P<tid>\d+) |(?P<thread>\S+) in )?pid:(?P<pid>\d+) ppid:(?P<ppid>\d+)"
-    r"(?: in (?P<state>[DTZ]|unswitch S) | (?P<missing>cannot start) | wchan: (?P<wchan>\S*?))"
-    r"(?P<timeout>\d+)s")
-NOTHING = "nothing to do according to policy"
-UNKNOWN = 2 ** 32 - 1  # how it prints an id that it does not have
-
-# What the kernel and the rest of the system write.
-BOOT = re.compile(r"Linux version \d.*|Booting Linux on .*")
-# Above a task's stack in the output of SysRq "w", on newer and on older kernels.
-TASK = re.compile(r"task:(?P<name>.*?)\s+state:\S.*? pid:\s*(?P<tid>\d+)\s.*|"
-                  r"(?P<old_name>\S.{0,14}?)\s+[DTZ]\s.*?(?P<old_tid>\d+)\s+\d+ 0x[0-9a-f]{8,}")
-FRAME = re.compile(r"(?:\? )?[\w.$]+\+0x[0-9a-f]+/0x[0-9a-f]+.*")
-STACK_TITLE = re.compile(r"call trace:|</?task>", re.IGNORECASE)
-TOMBSTONE = re.compile(r"pid: (?P<pid>\d+), tid: (?P<tid>\d+), name: (?P<thread>.*?)\s+"
-                       r">>> (?P<process>.*) <<<")
-ACT = re.compile(r".*(?:(?P<reboot>reboot,tovrel|command 'tovrel'|reason=tovrel)|"
-                 r"Trigger a crash|sysrq triggered crash).*")
-
+# What a line may tell: a method of Reader, and the whole text with <parts>, of digits unless here.
+PARTS = {"thread": ".*?", "process": r"\S+", "wchan": r"\S*?",
+         "state": r"unswitch S|cannot start|Self stuck|\S", "timeout": r"[1-9]\d*",
+         "act": r"killing \d+|nothing|restarting|reboot|crash"}
+REPORTS = [
+    ("_reported", "(?:tid:<tid> )?pid:<pid> ppid:<ppid> in <state> <timeout>s"),
+    ("_reported", "<thread> in pid:<pid> ppid:<ppid> <state> <timeout>s"),
+    ("_reported", "pid:<pid> ppid:<ppid> wchan: <wchan><timeout>s")]
+DAEMON = [
+    ("_found", r"(?:process|proc|bw add proc) <process> pid(?: changed to <pid>| changed|=\d+)\.?"),
+    ("_stands", "thread: <thread> tid=<tid>, count=<count>, state=<state>"),
+    ("_stands", "<thread> <tid> state=<state> wchan=<wchan> count=<count>"),
+    # In shell mode the name ends with a line feed, and what follows is a line of its own.
+    ("_dumped", "dumped:<pid> <process>(?: parent=<ppid> stat=<state>)?"),
+    ("_dumped", "dumped hung proc:<pid> parent=<ppid> (?:stat=<state>|wchan=<wchan>)"),
+    ("_acted", "<act>"),
+    ("_reported", "<act> to do according to policy"),  # the report itself is not logged
+    ("_reported", r"<state>! <act>\.\.\.")]
+SYSTEM = [
+    ("_crashed", r"pid: <pid>, tid: <tid>, name: <thread>\s+>>> (?:\S*/)?<process> <<<"),
+    ("_acted", ".*?<act>.*[,'=]tovrel.*"),
+    ("_acted", ".*(?:Trigger a|sysrq triggered) <act>.*")]
+KERNEL = [
+    ("_task", r"task:<thread>\s+state:\S.*? pid:\s*<tid>\s.*"),  # SysRq "w"
+    ("_frame", r"(?:\? )?[\w.$]+\+0x[0-9a-f]+/0x[0-9a-f]+.*|(?i:call trace:|</?task>)"),
+    ("start_boot", r"Linux version \d.*|Booting Linux on .*")]
+CONDITIONS = {"S": "unswitch", "unswitch S": "unswitch", "?": "missing", "cannot start": "missing"}
+STAGES = ("_dumped", "_reported", "_acted")
 # Most lines of a large log tell nothing; this is the fast way to know.
-TELLING = re.compile(rb"tovrel|pid:|task:|sysrq|Linux|[DTZ] {2,9}.{1,40} 0x0")
+TELLING = re.compile(rb"tovrel|pid:|task:|sysrq|Linux")
 
 
-@dataclasses.dataclass(frozen=True, order=True)
+def compiled(lines):
+    def part(match):
+        return f"(?P{match[0]}{PARTS.get(match[1], '[0-9]+')})"
+    return [(method, re.compile(re.sub(r"<(\w+)>", part, text))) for method, text in lines]
+
+
+LINES = {"tovrel": compiled(DAEMON + REPORTS), None: compiled(REPORTS + KERNEL + SYSTEM)}
+OTHERS = compiled(SYSTEM)
+
+
+@dataclasses.dataclass(frozen=True)
 class Time:
-    """Seconds of a clock: "date" (without the year), "year", "uptime" or "?" if there is none."""
-    clock: str = "?"
+    """Seconds of a clock; those of two clocks cannot be compared."""
+    clock: str = NO_CLOCK
     seconds: float = 0
 
     def minus(self, seconds):
-        return self if self.clock == "?" else Time(self.clock, self.seconds - seconds)
+        return Time(self.clock, self.seconds - seconds)
 
     def __str__(self):
-        if self.clock in ("uptime", "?"):
-            return f"{self.seconds:.1f}" if self.clock == "uptime" else "?"
-        form = "%m-%d %H:%M:%S" if self.clock == "date" else "%Y-%m-%d %H:%M:%S"
-        return clocks.strftime(form, clocks.gmtime(self.seconds))
+        if self.clock == UPTIME:
+            return f"{self.seconds:.1f}"
+        return clocks.strftime(self.clock, clocks.gmtime(self.seconds))
 
 
 @dataclasses.dataclass
 class Hang:
-    condition: str  # "D", "T", "Z", "unswitch", "missing", "wchan NAME" or "self stuck"
-    tid: Optional[int] = None
-    pid: Optional[int] = None
-    ppid: Optional[int] = None
+    """A task that stands still; what is not known is empty, 0 or None."""
+    boot: int = 0  # of the kernel whose log tells of it, or 0: the Android log does
+    condition: str = ""  # "D", "T", "Z", "unswitch", "missing", "wchan NAME" or "self stuck"
+    tid: int = None
+    pid: int = None
+    ppid: int = None
     thread: str = ""
     process: str = ""
-    since: Optional[Time] = None
-    dumped: Optional[Time] = None
-    logs: dict = dataclasses.field(default_factory=dict)  # that tell of it; of a kernel's, the boot
-    reports: dict = dataclasses.field(default_factory=dict)  # by log: their times
+    since: Time = None
+    dumped: Time = None
+    reported: list = dataclasses.field(default_factory=list)  # when
     text: str = ""  # of the report
     act: str = ""
     stack: list = dataclasses.field(default_factory=list)
@@ -100,42 +102,33 @@ class Hang:
         return " ".join(dict.fromkeys(filter(None, (self.process, self.thread))))
 
     @property
-    def reported(self):
-        """How often; a report may stand in both logs."""
-        return max(map(len, self.reports.values()), default=0)
-
-    @property
     def time(self):
-        """Of the first report, else of the dump; by the Android log's clock if that has it."""
-        times = [times[0] for times in self.reports.values()] or [self.dumped or Time()]
-        return min(times, key=lambda time: time.clock in ("uptime", "?"))
+        return (self.reported or [self.dumped])[0]
 
     def may_be(self, other):
-        return self.condition == other.condition and not any(
-            getattr(self, key) and getattr(other, key) and getattr(self, key) != getattr(other, key)
-            for key in ("tid", "pid", "ppid", "thread"))
+        pairs = ((getattr(self, key), getattr(other, key))
+                 for key in ("condition", "tid", "pid", "ppid", "thread"))
+        return self.boot == other.boot and all(a == b for a, b in pairs if a and b)
 
     def learn(self, other):
-        vars(self).update({key: value for key, value in vars(other).items() if value})
+        """Fills the gaps."""
+        for key, value in vars(other).items():
+            if value and not getattr(self, key):
+                setattr(self, key, value)
 
 
 class Reader:
-    """`hangs` has what the lines that were fed tell; finish() completes it."""
+    """Collects the hangs that lines of logs and crash dumps tell of; finish() completes them."""
 
     def __init__(self):
         self.hangs = []
-        self._threads, self._processes, self._stacks = {}, {}, {}  # by id
+        self._boot = 1
+        self._tasks, self._processes = {}, {}  # by id: what other lines tell of them
         self._wchans = set()
-        self._boot = 0  # numbers what the kernel log has of each
-        self._standing = None  # what the daemon has just told to stand still
-        self._stack = None  # whose lines are read
+        self._standing = Hang()  # what the daemon has just told to stand still
         self._last = None  # the hang whose report was read last
-        self._read = set()
-
-    def start_boot(self):
-        """The kernel log that follows is of another boot, as it is in another file."""
-        self._boot += 1
-        self._stack = self._last = None
+        self._stack = None  # whose lines are read
+        self._read, self._told = set(), set()
 
     def feed(self, line):
         """Takes a line, as bytes. Returns None, or kind ("found", "dumped", "reported" or "acted")
@@ -143,189 +136,131 @@ class Reader:
         """
         if self._stack is None and not TELLING.search(line):
             return None
-        time, tag, text = split_form(line.decode("utf-8", "replace").strip("\0\r\n "))
-        if tag == "tovrel":
-            return self._read_daemon(time, text)
-        if tag is None:
-            self._read_stacks(time, text)
-            if match := REPORT.fullmatch(text):
-                self._standing = None
-                return self._reported("kernel", time, self._report(time, match))
-        return self._read_system(time, text)
+        time, tag, text = split_line(line.decode("utf-8", "replace").strip("\0\r\n "))
+        lines = ((method, form.fullmatch(text)) for method, form in LINES.get(tag, OTHERS))
+        method, match = next((line for line in lines if line[1]), (None, None))
+        if tag is None and method != "_frame":
+            self._stack = None
+        copied = time, text, str(self._standing)
+        if not match or copied in self._read:
+            return None
+        if method in STAGES and time.clock != NO_CLOCK:
+            self._read.add(copied)
+        boot = self._boot if tag is None else 0
+        event = getattr(self, method)(time, text, hang_of(boot, time, **match.groupdict()))
+        is_new = event not in self._told
+        self._told.add(event)
+        return event if is_new else None
+
+    def start_boot(self, *_):
+        """The kernel log that follows is of another boot, as it is in another file."""
+        self._boot += 1
+        self._stack = self._last = None
 
     def finish(self):
+        """Completes the hangs; a report that both logs have is of one."""
         for hang in self.hangs:
-            hang.thread = hang.thread or self._threads.get(hang.tid, "")
-            hang.process = hang.process or self._processes.get(hang.pid, "")
-            hang.stack = hang.stack or self._stacks.get(hang.tid, (None, []))[1]
+            self._look_up(hang)
+        twins = {hang.text: hang for hang in self.hangs if hang.text and not hang.boot}
+        for hang in [hang for hang in self.hangs if hang.boot and hang.text in twins]:
+            twins.pop(hang.text).learn(hang)
+            self.hangs.remove(hang)
 
-    def _read_daemon(self, time, text):
-        if match := STANDING.fullmatch(text) or BINDER_STANDING.fullmatch(text):
-            return self._stands(time, match)
-        if match := DUMPED.fullmatch(text):
-            return self._dumped(time, match)
-        if match := REPORT.fullmatch(text):
-            return self._reported("android", time, self._report(time, match))
-        if match := FOUND.fullmatch(text):
-            name, pid = match["process"] or match["iowait"], match["pid"] or match["iowait_pid"]
-            self._processes[number(pid)] = name
-            return "found", f"{name}, process {pid}" if pid else name
-        if text.startswith("killing "):
-            return self._acted(time, text)
-        if text == NOTHING and self._standing:
-            # The report itself is not logged.
-            return self._reported("android", time, replace(self._standing, act="nothing"))
-        if text.startswith("Self stuck!"):
-            hang = Hang("self stuck", process="tovrel", text=text, act="restart")
-            return self._reported("android", time, hang)
-        return None
+    def _found(self, time, text, told):
+        if told.pid:
+            self._processes[told.pid] = told.process
+        return "found", text
 
-    def _stands(self, time, match):
-        told = match.groupdict()
-        tid, wchan = number(told["tid"]), told.get("wchan")
-        is_new = wchan is not None and tid not in self._threads
-        self._threads[tid] = told["thread"]
-        self._wchans.add(wchan)
-        self._standing = Hang(condition_of(told["state"], wchan), tid, thread=told["thread"],
-                              since=time.minus(int(told["count"]) / 1000))
-        self._last = None
-        return ("found", f"{told['thread']}, thread {tid}") if is_new else None
+    def _stands(self, time, text, told):
+        self._standing, self._last = told, None
+        if told.tid:
+            self._tasks.setdefault(told.tid, Hang()).thread = told.thread
+        if told.condition.startswith("wchan "):
+            self._wchans.add(told.condition[6:])
+        return ("found", f"{told.thread}, thread {told.tid}") if "wchan=" in text else None
 
-    def _dumped(self, time, match):
-        condition = condition_of(match["state"], match["wchan"]) if match["ppid"] else None
-        task = self._standing_as(condition)
-        dumped = replace(task, pid=number(match["pid"]), ppid=number(match["ppid"]), dumped=time,
-                         process=match["process"] or "")
-        if self._is_read(time, "dumped", dumped):
-            return None
-        hang = self._find("android", dumped)
-        if hang is None or "android" in hang.logs:
-            hang = self._add(dumped)
-        hang.learn(dumped)
-        hang.logs["android"] = None
-        return "dumped", f"{hang.task or hang.pid} ({hang.condition})"
+    def _dumped(self, time, text, told):
+        self._add_standing(told)
+        told.dumped = time
+        self.hangs.append(told)
+        return "dumped", f"{told.task or told.pid} ({told.condition})"
 
-    def _report(self, time, match):
-        """The hang as the report has it."""
-        wchan, timeout = match["wchan"], match["timeout"]
-        if wchan is not None:
-            wchan, timeout = self._split_wait(wchan + timeout)
-        task = self._standing_as(condition_of(match["state"], wchan, match["missing"]))
-        return replace(task, tid=number(match["tid"]) or task.tid, pid=number(match["pid"]),
-                       ppid=number(match["ppid"]), thread=match["thread"] or task.thread,
-                       since=time.minus(int(timeout)), text=match[0])
-
-    def _reported(self, log, time, report):
-        self._last = None
-        if self._is_read(time, log, report):
-            return None
-        hang = self._find(log, report) or self._add(report)
-        if log == "kernel" or log in hang.logs:  # what was learnt first, by the better clock
-            report = replace(report, since=hang.since)
-        hang.learn(report)
-        hang.logs[log] = self._boot if log == "kernel" else None
-        hang.reports.setdefault(log, []).append(time)
-        if hang.tid in self._stacks:
-            dumped, hang.stack = self._stacks[hang.tid]
-            hang.dumped = hang.dumped or dumped
+    def _reported(self, time, text, told):
+        if told.condition.startswith("wchan "):
+            # Wait channel and seconds have nothing between them.
+            known = "|".join(map(re.escape, self._wchans))
+            wchan, timeout = re.search(rf" wchan: ({known}|.*?)([1-9]\d*)s$", text).groups()
+            told.condition, told.since = f"wchan {wchan}", time.minus(int(timeout))
+        told.text = "" if told.act else text
+        self._add_standing(told)
+        hang = next((hang for hang in reversed(self.hangs) if hang.may_be(told)), None)
+        if hang is None:
+            self.hangs.append(hang := Hang(told.boot))
+        hang.learn(told)
+        hang.reported.append(time)
+        self._look_up(hang)
         self._last = hang
-        if sum(map(len, hang.reports.values())) > 1:
-            return None
-        if not hang.text:
-            return "acted", f"{hang.act}: {hang.task}"
-        return "reported", hang.text
+        return "reported", hang.text or f"{hang.act}: {hang.task} ({hang.condition})"
 
-    def _acted(self, time, act):
-        hang = self._last
-        if hang is None or hang.act == act:
+    def _acted(self, time, text, told):
+        if self._last is None:
             return None
-        hang.act = act
-        return "acted", f"{act}: {hang.task or hang.text}"
+        self._last.act = told.act
+        return "acted", f"{told.act}: {self._last.task or self._last.text}"
 
-    def _read_stacks(self, time, text):
-        if self._stack is not None and FRAME.fullmatch(text):
+    def _crashed(self, time, text, told):
+        self._tasks.setdefault(told.tid, Hang()).thread = told.thread
+        self._processes[told.pid] = told.process
+
+    def _task(self, time, text, told):
+        self._stack = []
+        self._tasks[told.tid] = Hang(thread=told.thread, dumped=time, stack=self._stack)
+
+    def _frame(self, time, text, told):
+        if self._stack is not None and "+0x" in text:
             self._stack.append(text)
-        elif match := TASK.fullmatch(text):
-            tid = int(match["tid"] or match["old_tid"])
-            self._threads[tid] = match["name"] or match["old_name"]
-            self._stack = []
-            self._stacks[tid] = time, self._stack
-        elif not STACK_TITLE.fullmatch(text):
-            self._stack = None
 
-    def _read_system(self, time, text):
-        if match := TOMBSTONE.fullmatch(text):
-            self._threads[int(match["tid"])] = match["thread"]
-            self._processes[int(match["pid"])] = match["process"].rsplit("/", 1)[-1]
-        elif match := ACT.fullmatch(text):
-            return self._acted(time, "reboot" if match["reboot"] else "crash")
-        elif BOOT.fullmatch(text):
-            self.start_boot()
-        return None
+    def _add_standing(self, told):
+        """Of the task of a stage the daemon has told more in the line before."""
+        if told.may_be(self._standing):
+            told.learn(self._standing)
 
-    def _standing_as(self, condition):
-        """What stands still, if it does so in this condition or if that is not told."""
-        task = self._standing
-        return task if task and condition in (None, task.condition) else Hang(condition or "-")
-
-    def _find(self, log, task):
-        """The last hang of this task that a line of the log may be about."""
-        boot = self._boot if log == "kernel" else None
-        return next((hang for hang in reversed(self.hangs)
-                     if hang.may_be(task) and hang.logs.get(log, boot) == boot), None)
-
-    def _add(self, task):
-        self.hangs.append(replace(task, logs={}, reports={}))
-        return self.hangs[-1]
-
-    def _is_read(self, time, kind, hang):
-        """Whether this was read before, in another copy of the log."""
-        line = (time, kind, hang.condition, hang.tid, hang.pid, hang.thread)
-        is_read = time != Time() and line in self._read
-        self._read.add(line)
-        return is_read
-
-    def _split_wait(self, text):
-        """Wait channel and seconds, which a report writes without anything between."""
-        for wchan in filter(None, self._wchans):
-            if text.startswith(wchan) and text[len(wchan):].isdigit():
-                return wchan, text[len(wchan):]
-        return re.fullmatch(r"(.*?)(\d+)", text).groups()
+    def _look_up(self, hang):
+        """Completes it by what other lines tell of its ids."""
+        if hang.tid in self._tasks:
+            hang.learn(self._tasks[hang.tid])
+        if hang.pid in self._processes:
+            hang.learn(Hang(process=self._processes[hang.pid]))
 
 
-def split_form(line):
+def split_line(line):
     """Time, tag and text; the tag is None in the kernel log."""
     for form in FORMS:
         if match := form.match(line):
             part = match.groupdict()
-            outer = time_of(**part), part.get("tag"), part["text"].strip()
-            inner = split_form(WRITER.sub("", outer[2])) if outer[1] is None else outer
-            return outer if inner[0] == Time() else inner
+            return time_of(part["stamp"] or ":"), part.get("tag"), part["text"].strip()
     return Time(), None, line
 
 
-def time_of(date=None, clock=None, seconds=None, human=None, **_):
+def time_of(stamp):
     try:
-        if seconds:
-            return Time("year" if float(seconds) > 1e8 else "uptime", float(seconds))
-        if human:
-            return Time("year", calendar.timegm(clocks.strptime(human, "%b %d %H:%M:%S %Y")))
-        if date:
-            # Without a year any leap year will do.
-            whole = date if len(date) > 5 else "2000-" + date
-            parsed = clocks.strptime(f"{whole} {clock}", "%Y-%m-%d %H:%M:%S")
-            return Time("year" if whole == date else "date", calendar.timegm(parsed))
+        if ":" not in stamp:
+            return Time(YEAR if float(stamp) > 1e8 else UPTIME, float(stamp))
+        # Without a year any leap year will do.
+        clock, date = (DATE, "2000-" + stamp) if stamp[2:3] == "-" else (YEAR, stamp)
+        return Time(clock, calendar.timegm(clocks.strptime(date, YEAR)))
     except ValueError:
-        pass
-    return Time()
+        return Time()
 
 
-def condition_of(state, wchan, missing=None):
-    if state and state in "DTZ":
-        return state
-    if wchan is not None:
-        return f"wchan {wchan}"
-    return "missing" if missing or state == "?" else "unswitch"
+def hang_of(boot, time, state=None, wchan=None, timeout=0, count=0, tid=None, pid=None, ppid=None,
+            **names):
+    """What the parts of a line tell."""
+    waits = wchan and state in (None, "S")
+    seconds = int(timeout) + int(count) / 1000
+    return Hang(boot, f"wchan {wchan}" if waits else CONDITIONS.get(state, state) or "",
+                *map(number, (tid, pid, ppid)), since=time.minus(seconds) if seconds else None,
+                **{name: text for name, text in names.items() if text})
 
 
 def number(text):
@@ -336,12 +271,12 @@ def number(text):
 def table_of(hangs, width=None):
     rows = [("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION")]
     for hang in hangs:
-        reported = f"{hang.reported}x" if hang.reported else "-"
+        reported = f"{len(hang.reported)}x" if hang.reported else "-"
         reported += f", {hang.act}" if hang.act else ""
         # The row begins with the date.
         since, dumped = (str(time or "-").split()[-1] for time in (hang.since, hang.dumped))
         ids = (str(part or "-") for part in (hang.task, hang.tid, hang.pid, hang.ppid))
-        rows.append((str(hang.time), *ids, since, dumped, reported, hang.condition))
+        rows.append((str(hang.time), *ids, since, dumped, reported, hang.condition or "-"))
     return table(rows, width)
 
 
@@ -355,12 +290,11 @@ def table(rows, width=None):
 
 def tell(kind, text, when):
     """Prints a line about what feed() has returned."""
-    colour = {"dumped": "yellow", "reported": "red"}.get(kind)
+    colour = {"dumped": YELLOW, "reported": RED}.get(kind)
     print(f"{when}  {paint(kind.ljust(8), colour)}  {text}", flush=True)
 
 
 def paint(text, colour):
     """The text in a colour, on a terminal of somebody who wants that."""
-    if not colour or not sys.stdout.isatty() or os.environ.get("NO_COLOR"):
-        return text
-    return f"\033[{ {'red': 31, 'green': 32, 'yellow': 33}[colour]}m{text}\033[0m"
+    wanted = colour and sys.stdout.isatty() and not os.environ.get("NO_COLOR")
+    return f"\033[{colour}m{text}\033[0m" if wanted else text
