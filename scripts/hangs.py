@@ -269,23 +269,24 @@ def number(text):
 
 
 def table_of(hangs, width=None):
-    rows = [("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION")]
-    for hang in hangs:
-        reported = f"{len(hang.reported)}x" if hang.reported else "-"
-        reported += f", {hang.act}" if hang.act else ""
-        # The row begins with the date.
-        since, dumped = (str(time or "-").split()[-1] for time in (hang.since, hang.dumped))
-        ids = (str(part or "-") for part in (hang.task, hang.tid, hang.pid, hang.ppid))
-        rows.append((str(hang.time), *ids, since, dumped, reported, hang.condition or "-"))
-    return table(rows, width)
-
-
-def table(rows, width=None):
-    """Lines of rows of texts in columns, cut to the width."""
+    """Lines of a table; if a width is given they are cut to that, and have no ids."""
+    titles = ("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION")
+    rows = [titles, *map(row_of, hangs)]
+    if width:
+        rows = [row[:2] + row[5:] for row in rows]
     widths = [max(map(len, column)) for column in zip(*rows)]
     for row in rows:
         line = "  ".join(text.ljust(size) for text, size in zip(row, widths)).rstrip()
         yield line if not width or len(line) <= width else line[:width - 3] + "..."
+
+
+def row_of(hang):
+    reported = f"{len(hang.reported)}x" if hang.reported else "-"
+    reported += f", {hang.act}" if hang.act else ""
+    # The row begins with the date.
+    since, dumped = (str(time or "-").split()[-1] for time in (hang.since, hang.dumped))
+    ids = (str(part or "-") for part in (hang.task, hang.tid, hang.pid, hang.ppid))
+    return str(hang.time), *ids, since, dumped, reported, hang.condition or "-"
 
 
 def tell(kind, text, when):
