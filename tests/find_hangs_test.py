@@ -36,6 +36,10 @@ ROWS = {  # what is found in files
     "11-21 13:44:28 B:7_2 72 70 5 13:44:17 13:44:23 1x, nothing wchan x2":
         [log("[  9.5] vm: tovrel I 11-21 13:44:%d 312 312 ", BINDER)],
     BY_DATE + FRAME: [DMESG, LOGCAT, LOGCAT],
+    f"11-21 13:44:23 {ROW} 13:43:21 13:44:22 1x D{FRAME}\n"
+    f"11-21 13:45:23 {ROW} 13:44:21 13:45:22 2x, crash D{FRAME}":
+        [DMESG, log("11-21 13:44:%d.1 1 1 I tovrel: ", "|".join(STUCK.split("|")[:4])),
+         log("11-21 13:45:%d.1 1 1 I tovrel: ", STUCK.replace("killing 1200", "started"))],
     "120.5 - - 1200 - 110.5 - 1x Z\n121.5 RenderThread - 8 9 111.5 - 1x missing\n"
     "122.5 - - 1200 567 116.5 - 1x wchan do_x.0\n123.5 server watchdog 5 4 3 113.5 - 1x unswitch\n"
     "125.5 server watchdog 5 4 3 115.5 - 1x, reboot unswitch":
