@@ -13,6 +13,7 @@
 #include "core/config_file.h"
 #include "core/log.h"
 #include "modules/binder/binder_monitor.h"
+#include "modules/config.h"
 #include "modules/iowait/black_white_list.h"
 #include "modules/process/process_monitor.h"
 #include "proc/proc_readers.h"
