@@ -50,6 +50,19 @@ LISTED = "|".join(SAMPLE_WCHANS)
 IDLE = "binder_wait_for_work|binder_thread_read|binder_ioctl_write_read|binder_ioctl"
 NEXT = r"\n(?:(?!sighted:)[^\n]*\n)*?sighted: "  # the next line of the daemon "sighted"
 
+# The line of check-device that must turn from ok to missing by what the case "device" breaks.
+BROKEN = {"no group frozen": "group frozen", "threads named binder": "binder threads",
+          "no configuration": "configuration", "a linked configuration": "configuration",
+          "SysRq of another user": "writable /proc/sysrq-trigger",
+          "read-only kernel log": "writable /dev/kmsg", "console log level 5": "console log level",
+          "no daemon": "daemon process", "daemon in group 0": "group 3009"}
+
+
+def told(label, others):
+    return [rf"^{label}: {'missing' if need == BROKEN.get(label) else others} +{need}"
+            for need in (*BROKEN.values(), "run counts", "wait channels")]
+
+
 FACTS = [
     Fact("credentials: uid 0, group 3009, capability KILL alone", "kill",
          [r"^credentials: kill Uid: 0 0 0 0 Gid: 3009 3009 3009 3009 Groups: "
@@ -128,4 +141,9 @@ FACTS = [
     Fact("a minute of scans leaves no descriptor and no child", "detectors",
          [rf"^resources: {name} (fds=\d children=0)$.*^resources: {name} \1$"
           for name in ("nothing", "shell")]),
+    Fact("check-device: only what this kernel and shell lack is missing", "device",
+         [rf"^whole: missing +{lack}" for lack in ("console log in", "all of /proc", "columns")] +
+         told("whole", "ok")),
+    *(Fact(f"check-device, {label}: turns to missing, alone", "device",
+           told(label, "(ok|unknown)")) for label in BROKEN),
 ]
