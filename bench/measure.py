@@ -38,11 +38,8 @@ def population(processes):
 @contextlib.contextmanager
 def daemon(config):
     """Runs the daemon itself, in a sandbox; gives its directory of /proc."""
-    with tempfile.TemporaryDirectory() as directory:
-        file = pathlib.Path(directory, "config")
-        file.write_text(json.dumps(config))
-        sandbox.create(f"{directory}/sandbox", file)
-        command = sandbox.command(BUILD, f"{directory}/sandbox", send_signals=False)
+    with sandbox.directory(json.dumps(config), keep=False) as root:
+        command = sandbox.command(BUILD, root, send_signals=False)
         with sandbox.run(command, os.devnull) as (running, _):
             yield pathlib.Path(f"/proc/{running.pid}")
 

@@ -85,7 +85,7 @@ def plot(costs, picture):
     figure.savefig(picture, metadata={"Date": None})
 
 
-def main(document, picture, repetitions=5):
+def main(document, picture, repetitions=3):
     document = pathlib.Path(document)
     begin, end = "<!-- measured: begin -->\n", "<!-- measured: end -->\n"
     before, rest = document.read_text().split(begin)
