@@ -12,6 +12,8 @@
 #include "core/log.h"
 #include "proc/string_split.h"
 
+using namespace std::string_view_literals;
+
 namespace {
 
 // The fields of a stat file that a sample is made of.
@@ -140,7 +142,7 @@ std::string read_task_file(const std::string& task_dir, const char* name) {
 }
 
 void cut_at_separator(std::string* text) {
-    constexpr std::string_view kSeparators(" \t\r\n\0", 5);
+    constexpr std::string_view kSeparators = " \t\r\n\0"sv;
     const size_t end = text->find_first_of(kSeparators);
     if (end != std::string::npos) text->erase(end);
 }
