@@ -1,5 +1,4 @@
-"""The documents and the code say the same: keys, properties, log lines, report forms, links, files
-and commands."""
+"""The documents say what the code does: keys, properties, log lines, reports, links, commands."""
 import json, pathlib, re, subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent

@@ -2,16 +2,15 @@
 //
 // Plays the daemon with a configuration file in virtual time, and prints what it sends and reports.
 
+#include <android-base/file.h>
+
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 
 #include "world.h"
 
 int main(int argc, char** argv) {
-    must(argc == 3);
-    std::ifstream config(argv[1]);
-    World world(argv[2]);
-    world.files["/vendor/etc/tovrel.json"].assign(std::istreambuf_iterator<char>(config), {});
+    World world(argc == 3 ? argv[2] : "");
+    std::string& config = world.files["/vendor/etc/tovrel.json"];
+    must(argc == 3 && android::base::ReadFileToString(argv[1], &config));
     puts(world.run().c_str());
 }

@@ -30,7 +30,6 @@ Json::Value value_of(const std::string& verb, const std::string& words) {
     for (const std::string& word : split(words, " ")) {
         const auto [key, items] = cut(word, "=");
         for (const std::string& item : split(items, ",")) {
-            must(key == "uids" || key == "wchans");
             if (key == "uids") section["monitor_uids"].append(std::stoi(item));
             if (key == "wchans") section[key].append(item);
         }
@@ -105,18 +104,12 @@ void World::take(const std::string& steps) {
     }
 }
 
-Json::Value* World::at(const std::string& path) {
-    Json::Value* value = &config;
-    for (const std::string& name : split(path, ".")) value = &(*value)[name];
-    return value;
-}
-
 void World::take_step(const std::string& verb, const std::string& rest) {
     const auto [key, value] = cut(rest, "=");
     if (!place_of(verb).empty()) {
-        *at(place_of(verb)) = value_of(verb, rest);
+        Json::Path(place_of(verb)).make(config) = value_of(verb, rest);
     } else if (verb == "conf") {
-        must(Json::Reader().parse(value, *at(key)));
+        must(Json::Reader().parse(value, Json::Path(key).make(config)));
     } else if (numbers.count(verb) != 0) {
         numbers[verb] = std::stoi(rest);
     } else if (verb == "prop") {
@@ -136,8 +129,6 @@ void World::take_step(const std::string& verb, const std::string& rest) {
         signal_handler(std::stoi(rest));
     } else if (verb == "watch") {
         watched = rest;
-    } else if (verb == "sorted") {
-        sorted = true;
     } else {
         fprintf(stderr, "no such step: %s %s\n", verb.c_str(), rest.c_str());
         abort();

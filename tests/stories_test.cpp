@@ -1,3 +1,4 @@
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,6 +8,8 @@
 #include "world.h"
 
 namespace {
+
+using android::base::StringReplace;
 
 struct Story {
     int line;
@@ -23,12 +26,10 @@ void PrintTo(const Heading& heading, std::ostream* out) {
 }
 
 std::string unescape(std::string text) {
-    constexpr std::pair<const char*, char> kEscapes[] = {
-            {"\\n", '\n'}, {"\\r", '\r'}, {"\\t", '\t'}, {"\\0", '\0'}};
-    for (const auto& [escape, character] : kEscapes) {
-        for (size_t at; (at = text.find(escape)) < text.size();) text.replace(at, 2, 1, character);
-    }
-    return text;
+    text = StringReplace(text, "\\n", "\n", true);
+    text = StringReplace(text, "\\r", "\r", true);
+    text = StringReplace(text, "\\t", "\t", true);
+    return StringReplace(text, "\\0", std::string(1, '\0'), true);
 }
 
 void read_headings(const std::filesystem::path& file, std::vector<Heading>* headings) {
@@ -48,7 +49,9 @@ void read_headings(const std::filesystem::path& file, std::vector<Heading>* head
         } else if (mark == "given") {
             given = unescape(text + ";");
         } else if (mark == "-") {
-            headings->back().stories.push_back({line, given + unescape(steps), events});
+            for (const std::string& each : split(steps, " | ")) {
+                headings->back().stories.push_back({line, given + unescape(each), events});
+            }
         } else {
             must(item.empty());
         }

@@ -2,23 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include "core/config_file.h"
 #include "core/hang_policy.h"
 #include "core/log.h"
+#include "modules/binder/binder_monitor.h"
 #include "modules/config.h"
+#include "modules/iowait/black_white_list.h"
+#include "modules/process/process_monitor.h"
 #include "proc/proc_readers.h"
 #include "proc/shell_command.h"
 #include "proc/string_split.h"
 #include "world.h"
-
-TEST(Faults, NeitherStopTheDaemonNorAccuseAHealthyTask) {
-    for (const std::string mode : {"shell off;", "shell on;", "conf monitor_binder={};"}) {
-        EXPECT_EQ(soak(mode + "turns 600", 1), "nothing");
-        // Those of the start, one by one.
-        for (int call = 1; call <= 50; ++call) {
-            EXPECT_EQ(soak(mode + "turns 2", 1, call), "nothing") << call;
-        }
-    }
-}
 
 struct Uncalled : Module {
     bool need_traverse() override { return must(false), false; }
@@ -46,6 +40,42 @@ TEST(Config, PassesOverModulesThatAreOff) {
     EXPECT_EQ(World().run(every_operation), "nothing");
 }
 
+TEST(Records, BeginAnew) {
+    const auto tell = [](const proc& task) {
+        record("task:", task.pid, task.tgid, task.ppid, task.uid, task.sched_count, task.cpu_time,
+               task.count, task.state, task.comm, task.alive, task.reported, task.frozen,
+               task.zygote_child, task.wchan);
+    };
+    const auto body = [&] {
+        tell({});
+        proc task = {1, 2, 3, 4, 5, 6, 7, 'S', "comm", true, true, true, true, "wchan"};
+        task.clear_sample();
+        tell(task);
+        for (const bool is_unbound : {false, true}) {
+            process_info process;
+            if (is_unbound) process = {true, true, true, 5, 6, 'D', "", {}}, process.unbind();
+            record("process:", process.started, process.main_only, process.zygote_child,
+                   process.pid, process.ppid, process.state);
+        }
+        BlackWhiteList list;
+        list.debug = true;
+        list.dump();
+        list.check_process_sh();
+        Config& config = Config::get();
+        read_config_file(&config);
+        config.binder_monitor->check_thread("", 10, "Binder:1", 11, "/proc/10/task/11");
+        record("uid:", config.binder_monitor->binder_threads[11].uid, BinderMonitor().timeout);
+        must(config.modules == std::vector<Module*>{config.binder_monitor, config.black_white_list,
+                                                    config.process_monitor});
+    };
+    World world("watch [^Dagm]; debug off; binder uids=9; iowait app; process app; 10/11 x S");
+    EXPECT_EQ(
+            world.run(body),
+            "@0 task: 4294967295 4294967295 4294967295 20000 0 0 0 ?  0 0 0 0 , "
+            "task: 1 2 3 4 0 6 0 ?  0 0 0 0 wchan, process: 0 0 0 -1 -1 ?, process: 0 1 1 -1 -1 ?, "
+            "I bw list enable=0,mode=0,size=0,io_time=0,io_task=0, E Empty bw list., uid: 9 0");
+}
+
 TEST(Functions, HoldAtTheirLimits) {
     const auto body = [] {
         const Config& config = Config::get();
@@ -62,21 +92,20 @@ TEST(Functions, HoldAtTheirLimits) {
         }
         char output[kCommandOutputSize + 1];
         memset(output, '.', sizeof(output));
-        exec_command("short", output);
-        record(std::string(output, 5));
-        exec_command("long", output);
-        record(strlen(output));
-        exec_command("broken", output);
-        record(strlen(output));
+        for (const char* command : {"short", "long", "broken"}) {
+            exec_command(command, output);
+            record("got", std::string(output, 5), strnlen(output, sizeof(output)));
+        }
         exec_command(nullptr, output);
         exec_command("long", nullptr);
     };
-    EXPECT_EQ(World("watch .; fail popen broken ENOMEM; sh short prints abc; sh long prints " +
-                    std::string(3000, 'x'))
-                      .run(body),
-              "@0 off: 0 0 0 0 0 0 0 policy: 3 1 ms: 0 0 0 0 0 0, I Null procRecord., I killing 5, "
-              "kill 5 9, reboot tovrel, popen r short, abc.., popen r long, 1023, popen r broken, "
-              "I [sh] broken failed, 0");
+    EXPECT_EQ(
+            World("watch .; fail popen broken ENOMEM; sh short prints abc; sh long prints " +
+                  std::string(3000, 'x'))
+                    .run(body),
+            "@0 off: 0 0 0 0 0 0 0 policy: 3 1 ms: 0 0 0 0 0 0, I Null procRecord., I killing 5, "
+            "kill 5 9, reboot tovrel, popen r short, got abc.. 1023, popen r long, got xxxxx 1023, "
+            "popen r broken, I [sh] broken failed, got \\0xxxx 0");
     EXPECT_EQ(string_split(" a/b:", "/:"), (std::vector<std::string>{" a", "b"}));
     EXPECT_EQ(string_split("a b", ""), std::vector<std::string>{"a b"});
 }

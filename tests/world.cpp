@@ -1,5 +1,6 @@
 #include "world.h"
 
+#include <android-base/strings.h>
 #include <android/log.h>
 #include <cutils/android_reboot.h>
 #include <dirent.h>
@@ -11,6 +12,7 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -80,11 +82,6 @@ bool is_played(const std::string& path) {
            (path.rfind("/proc/", 0) == 0 || path.rfind("/vendor/", 0) == 0 || path == "/dev/kmsg");
 }
 
-bool exists_below(const std::string& directory) {
-    const auto file = world->files.lower_bound(directory);
-    return file != world->files.end() && file->first.rfind(directory, 0) == 0;
-}
-
 int data_file(const std::string& content) {
     const int fd = memfd_create("played", MFD_CLOEXEC);
     must(pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size()));
@@ -95,24 +92,21 @@ int open_played(const std::string& path, int flags) {
     const std::lock_guard lock(world_mutex);
     if (path.find("/cmdline") != std::string::npos) world->now_ms += world->numbers["cost"];
     if (fails("open " + path)) return -1;
-    must(flags & O_CLOEXEC);
     const bool is_directory = (flags & O_DIRECTORY) != 0;
-    if (is_directory ? !exists_below(path) : world->files.count(path) == 0) {
-        errno = ENOENT;
-        return -1;
-    }
     const bool is_read = !is_directory && (flags & O_ACCMODE) == O_RDONLY;
-    const int fd = data_file(is_read ? world->files[path] : "");
-    OpenFile& file = open_files[fd] = {path, {"4.", "4.."}};
-    if (!is_directory) return fd;
+    must((flags & O_CLOEXEC) != 0 && (!is_read || (flags & O_NOFOLLOW) != 0));
+    std::vector<std::string> entries = {"4.", "4.."};
     for (auto below = world->files.lower_bound(path);
-         below != world->files.end() && below->first.rfind(path, 0) == 0; ++below) {
+         is_directory && below != world->files.end() && below->first.rfind(path, 0) == 0; ++below) {
         const auto [name, rest] = cut(below->first.substr(path.size()), "/");
-        const char type = rest.empty() ? '8' : '4';
-        if (!name.empty() && file.entries.back() != type + name) {
-            file.entries.push_back(type + name);
-        }
+        if (entries.back().substr(1) == name) continue;
+        const char* type = world->numbers["untyped"] != 0 ? "0" : rest.empty() ? "8" : "4";
+        entries.push_back(type + name);
     }
+    const bool exists = is_directory ? entries.size() > 2 : world->files.count(path) != 0;
+    if (!exists) return errno = ENOENT, -1;
+    const int fd = data_file(is_read ? world->files[path] : "");
+    open_files[fd] = {path, entries};
     return fd;
 }
 
@@ -145,10 +139,9 @@ std::string list_events(const std::string& recorded, bool sorted) {
     std::ostringstream list;
     for (auto& [time, events] : turns) {
         if (sorted) std::sort(events.begin(), events.end());
-        list << (list.tellp() == 0 ? "@" : " @") << time;
-        for (size_t i = 0; i < events.size(); ++i) list << (i == 0 ? " " : ", ") << events[i];
+        list << " @" << time << " " << android::base::Join(events, ", ");
     }
-    return turns.empty() ? "nothing" : list.str();
+    return turns.empty() ? "nothing" : list.str().substr(1);
 }
 
 }  // namespace
@@ -174,28 +167,21 @@ std::string World::run(const std::function<void()>& body) {
     must(pread(events, recorded.data(), recorded.size(), 0) == ssize_t(recorded.size()));
     close(property_file);
     close(events);
-    return list_events(recorded, sorted) + (status == 0 ? "" : " died " + std::to_string(status));
+    return list_events(recorded, numbers["sorted"] != 0) +
+           (status == 0 ? "" : " died " + std::to_string(status));
 }
 
 void add_event(const std::string& event) {
     const std::lock_guard lock(world_mutex);
     if (world->on_event) world->on_event(event);
     if (event.rfind("I add_pids", 0) == 0) ++queued;
-    if (event.rfind("per_task", 0) == 0 ||
-        (event[0] == 'E' && event.find(kPerTaskFile) < event.size())) {
-        --queued;
-    }
+    if (event.find("per_task") < event.size()) --queued;  // also where the file fails
     if (regexec(&watched, event.c_str(), 0, nullptr, 0) != 0) return;
     std::ostringstream line;
     line << (world->now_ms - start_ms) / 1000.0 << '\x1f';
     for (const char c : event) line << (c == '\n' ? "\\n" : c == '\0' ? "\\0" : std::string(1, c));
     line << '\x1e';
     must(REAL(write)(event_file, line.str().data(), line.str().size()) > 0);
-}
-
-size_t open_file_count() {
-    const std::lock_guard lock(world_mutex);
-    return open_files.size();
 }
 
 void must(bool holds) {
@@ -228,6 +214,11 @@ int open(const char* path, int flags, ...) {
 }
 int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
+int lstat(const char* path, struct stat* status) noexcept {
+    status->st_mode = world->files.count(path) != 0 ? S_IFREG : S_IFDIR;
+    return 0;
+}
+
 int close(int fd) {
     must(fd >= 0);
     const std::lock_guard lock(world_mutex);
@@ -238,8 +229,10 @@ int close(int fd) {
 ssize_t read(int fd, void* data, size_t size) {
     const std::lock_guard lock(world_mutex);
     const auto file = open_files.find(fd);
-    if (file != open_files.end() && fails("read " + file->second.path)) return -1;
-    return REAL(read)(fd, data, size);
+    const ssize_t count = REAL(read)(fd, data, size);
+    // At the end, when there is something to be forgotten.
+    const bool is_at_end = count == 0 && file != open_files.end();
+    return is_at_end && fails("read " + file->second.path) ? -1 : count;
 }
 
 ssize_t write(int fd, const void* data, size_t size) {
@@ -312,9 +305,8 @@ unsigned alarm(unsigned seconds) noexcept {
 }
 
 int pause() {
-    static bool again = false;
     record("pause");
-    if (std::exchange(again, true)) end_run();
+    if (++world->numbers["pauses"] == 2) end_run();
     return -1;
 }
 

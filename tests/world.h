@@ -33,10 +33,9 @@ class World {
     std::map<std::string, std::string> files, properties, outputs;
     std::map<std::string, int> failures;          // errno, negative for the next call alone
     std::multimap<int64_t, std::string> pending;  // steps, by their time in ms
-    std::map<std::string, int64_t> numbers = {
-            {"late", 0}, {"cost", 0}, {"until", 16}, {"turns", 1000}};
+    std::map<std::string, int64_t> numbers = {{"late", 0},   {"cost", 0},   {"untyped", 0},
+                                              {"sorted", 0}, {"until", 16}, {"turns", 1000}};
     std::string watched = "kill|kmsg";
-    bool sorted = false;
     int64_t now_ms = 1000000;
     void (*signal_handler)(int) = nullptr;  // the daemon's
 
@@ -47,12 +46,9 @@ class World {
     int failing_errno = EIO;
 
   private:
-    Json::Value* at(const std::string& path);
     void take_step(const std::string& verb, const std::string& rest);
     void put_task(const std::string& ids, const std::string& description);
 };
-
-size_t open_file_count();  // of files and pipes that the daemon has open
 
 // Inside a run: adds an event of these words.
 void add_event(const std::string& event);
@@ -70,8 +66,3 @@ void must(bool holds);
 // What stands before and after the first `at`; the pieces between all of them.
 std::pair<std::string, std::string> cut(const std::string& text, const std::string& at);
 std::vector<std::string> split(const std::string& text, const std::string& at);
-
-// Many turns of a population that changes all the time (soak.cpp). Ends like a run; it dies when a
-// file or memory leaks, when the watchdog is not armed in a turn, when a healthy task is accused or
-// a stuck one is not. Without a `failing_call`, calls fail at random.
-std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call = 0);
