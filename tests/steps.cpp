@@ -45,7 +45,9 @@ Json::Value value_of(const std::string& verb, const std::string& words) {
 
 int error_number(const std::string& name) {
     int number = 1;
-    while (strerrorname_np(number) == nullptr || name != strerrorname_np(number)) ++number;
+    while (strerrorname_np(number) == nullptr || name != strerrorname_np(number)) {
+        if (++number == 200) fprintf(stderr, "no such error: %s\n", name.c_str()), abort();
+    }
     return number;
 }
 

@@ -32,6 +32,7 @@ int tovrel_main();
 namespace {
 
 constexpr char kPerTaskFile[] = "/proc/sys/hung_task_enh/per_task_detect_mode";
+constexpr int kTurnSeconds = 10;  // a turn that takes longer ends the run
 
 struct OpenFile {
     std::string path;
@@ -154,6 +155,7 @@ std::string World::run(const std::function<void()>& body) {
     setenv("TOVREL_PROPERTIES", ("/proc/self/fd/" + std::to_string(property_file)).c_str(), 1);
     const pid_t child = fork();
     if (child == 0) {
+        REAL(alarm)(kTurnSeconds);
         event_file = events;
         start_ms = now_ms;
         must(regcomp(&::watched, ("^(leaked|" + watched + ")").c_str(), REG_EXTENDED) == 0);
@@ -293,6 +295,7 @@ int usleep(useconds_t us) {
 unsigned alarm(unsigned seconds) noexcept {
     const int64_t now = world->now_ms - start_ms;
     if (world->numbers["turns"]-- == 0 || now > world->numbers["until"] * 1000) end_run();
+    REAL(alarm)(kTurnSeconds);
     const std::lock_guard lock(world_mutex);
     record("calls", world->calls);
     record("alarm", seconds);
