@@ -52,8 +52,8 @@ void read_headings(const std::filesystem::path& file, std::vector<Heading>* head
             for (const std::string& each : split(steps, " | ")) {
                 headings->back().stories.push_back({line, given + unescape(each), events});
             }
-        } else {
-            must(item.empty());
+        } else if (!item.empty()) {
+            fprintf(stderr, "%s:%d: no story: %s\n", file.c_str(), line, item.c_str()), abort();
         }
     }
 }
@@ -78,7 +78,8 @@ TEST_P(Stories, EndAsTold) {
         if (events == told) continue;
         const size_t turn = std::min(told.rfind('@', difference), difference);
         ADD_FAILURE_AT(GetParam().file.c_str(), line)
-                << "told:     " << told.substr(turn) << "\nhappened: " << events.substr(turn);
+                << "told:     " << told.substr(turn) << "\nhappened: " << events.substr(turn)
+                << "\nsteps:    " << steps;
     }
 }
 
