@@ -32,7 +32,7 @@ int tovrel_main();
 namespace {
 
 constexpr char kPerTaskFile[] = "/proc/sys/hung_task_enh/per_task_detect_mode";
-constexpr int kTurnSeconds = 10;  // a turn that takes longer ends the run
+constexpr int kTurnSeconds = 20;  // a turn that takes longer ends the run
 
 struct OpenFile {
     std::string path;
