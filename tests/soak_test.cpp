@@ -86,7 +86,6 @@ TEST(Soak, FaultsNeitherStopTheDaemonNorAccuseAHealthyTask) {
          {"shell off; turns ", "shell on; turns ", "conf monitor_binder={}; turns "}) {
         EXPECT_EQ(soak(mode + (turns ? turns : "600"), seed ? atoi(seed) : 1), "nothing") << mode;
         // Those of the start, one by one.
-        for (int call = 1; call <= 50; ++call)
-            EXPECT_EQ(soak(mode + "2", 1, call), "nothing") << call;
+        for (int i = 1; i <= 50; ++i) EXPECT_EQ(soak(mode + "2", 1, i), "nothing") << i;
     }
 }
