@@ -46,7 +46,7 @@ std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call =
         }
         if (stuck_since == 0 && one_in(500)) {
             stuck_since = world.now_ms;
-        } else if (stuck_since != 0 && world.now_ms - stuck_since > 40000) {
+        } else if (stuck_since != 0 && world.now_ms - stuck_since > 120000) {
             must(reports > 1);
             stuck_since = reports = 0;
         }
