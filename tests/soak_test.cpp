@@ -2,7 +2,6 @@
 #include <malloc.h>
 #include <pthread.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <random>
 
@@ -29,6 +28,7 @@ std::string soak(const std::string& steps, uint32_t seed, int64_t failing_call =
             "D started, E read config file failed, E open sysrq failed!, "
             "E init failed because of open proc";
     world.on_event = [&](const std::string& event) {
+        must(event != "pause" || failing_call != 0);
         must(event[1] != ' ' || lines.find(event) < lines.size());
         char thread[16];
         pthread_getname_np(pthread_self(), thread, sizeof(thread));

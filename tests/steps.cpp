@@ -110,8 +110,8 @@ void World::take_step(const std::string& verb, const std::string& rest) {
     const auto [key, value] = cut(rest, "=");
     if (!place_of(verb).empty()) {
         Json::Path(place_of(verb)).make(config) = value_of(verb, rest);
-    } else if (verb == "conf" && Json::Reader().parse(value, Json::Path(key).make(config))) {
-        // has its place now
+    } else if (verb == "conf") {
+        must(Json::Reader().parse(value, Json::Path(key).make(config)));
     } else if (numbers.count(verb) != 0) {
         numbers[verb] = std::stoi(rest);
     } else if (verb == "prop") {
