@@ -31,7 +31,7 @@ Json::Value value_of(const std::string& verb, const std::string& words) {
         const auto [key, items] = cut(word, "=");
         for (const std::string& item : split(items, ",")) {
             if (key == "uids") section["monitor_uids"].append(std::stoi(item));
-            if (key == "wchans") section[key].append(item);
+            if (key != "uids") must(key == "wchans"), section[key].append(item);
         }
         if (!items.empty()) continue;
         Json::Value process;
