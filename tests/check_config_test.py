@@ -1,7 +1,7 @@
-"""usage: check_config_test.py PLAY. Tests scripts/check-config; PLAY is the program tovrel_play."""
+"""usage: check_config_test.py PLAY. Tests tools/check-config; PLAY is the program tovrel_play."""
 import itertools, json, pathlib, re, runpy, subprocess, sys, tempfile
 
-CHECK = pathlib.Path(__file__).resolve().parent.parent / "scripts/check-config"
+CHECK = pathlib.Path(__file__).resolve().parent.parent / "tools/check-config"
 TOOL = runpy.run_path(str(CHECK))
 FILES = tempfile.TemporaryDirectory()
 SAMPLE = (CHECK.parent.parent / "etc/tovrel.json").read_text()

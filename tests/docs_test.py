@@ -48,11 +48,11 @@ for page, text in PAGES.items():
         titles = re.findall("^#+ (.*)", other.read_text(), re.M) if anchor else []
         anchors = [re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles]
         assert other.exists() and (not anchor or anchor in anchors), (page, target, anchor)
-    for name in re.findall(r"`((?:core|proc|modules|host|tests|bench|etc|docs|scripts)/[\w./-]*)", text):
+    for name in re.findall(r"`((?:core|proc|modules|host|tests|bench|etc|docs|scripts|tools|sim)/[\w./-]*)", text):
         assert (ROOT / name).exists(), (page, name)
     for block in re.findall(r"```sh\n(.*?)```", text, re.S):
         subprocess.run(["bash", "-n"], input=block, text=True, check=True)
-    for command in set(re.findall(r"(?:^|`)(scripts/[a-z0-9-]+[^`\n]*)", text, re.M)):
+    for command in set(re.findall(r"(?:^|`)((?:scripts|tools)/[a-z0-9-]+[^`\n]*)", text, re.M)):
         program, *words = command.split()
         usage = subprocess.check_output([ROOT / program, "--help"], text=True)
         options = re.findall(r"--[\w-]+", usage)

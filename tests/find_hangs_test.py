@@ -1,7 +1,7 @@
-"""scripts/find-hangs finds the same hangs in every kind of log, and none where there is none."""
+"""tools/find-hangs finds the same hangs in every kind of log, and none where there is none."""
 import pathlib, subprocess, tempfile, zipfile
 
-FIND = pathlib.Path(__file__).resolve().parent.parent / "scripts/find-hangs"
+FIND = pathlib.Path(__file__).resolve().parent.parent / "tools/find-hangs"
 STUCK = ("started|thread: main tid=1234, count=60000, state=D|dumped:1200 storaged parent=1 stat=D|"
          "tid:1234 pid:1200 ppid:1 in D 120s|killing 1200|tid:1234 pid:1200 ppid:1 in D 120s")
 BINDER = ("B:7_1 71 state=S wchan=x2 count=5000|dumped hung proc:70 parent=5 wchan=x2|"

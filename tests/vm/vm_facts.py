@@ -3,7 +3,7 @@ import json
 import pathlib
 from typing import NamedTuple
 
-ETC = pathlib.Path(__file__).resolve().parents[1] / "etc"
+ETC = pathlib.Path(__file__).resolve().parents[2] / "etc"
 SAMPLE_WCHANS = json.loads((ETC / "tovrel.json").read_text())["Config"]["monitor_binder"]["wchans"]
 
 
