@@ -19,13 +19,6 @@ namespace {
 
 constexpr char kConfigFile[] = "/vendor/etc/tovrel.json";
 
-bool parse_config(const std::string& text, Json::Value* root) {
-    Json::Reader reader;
-    if (reader.parse(text, *root)) return true;
-    LOG_ERROR("config file failed:%s", reader.getFormattedErrorMessages().c_str());
-    return false;
-}
-
 // Reads the object under `key`; false, after `error` was logged, when it is none.
 bool read_section(const Json::Value& parent, const char* key, const char* error,
                   void (*read)(const Json::Value& section, Config* config), Config* config) {
@@ -193,7 +186,11 @@ void read_config_file(Config* config) {
         config->init_second_stage();
         return;
     }
+    Json::Reader reader;
     Json::Value document;
-    if (!parse_config(text, &document)) return;
+    if (!reader.parse(text, document)) {
+        LOG_ERROR("config file failed:%s", reader.getFormattedErrorMessages().c_str());
+        return;
+    }
     read_section(document, "Config", "parse config failed", read_sections, config);
 }

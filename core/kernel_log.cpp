@@ -16,7 +16,7 @@ void write_kmsg(std::string& line) {
         if (debug_gate) LOG_ERROR("error opening kmsg");
         return;
     }
-    if (!android::base::WriteStringToFd(line, kmsg)) {
-        if (debug_gate) LOG_ERROR("write %s to kmsg failed", line.c_str());
+    if (!android::base::WriteStringToFd(line, kmsg) && debug_gate) {
+        LOG_ERROR("write %s to kmsg failed", line.c_str());
     }
 }

@@ -9,7 +9,8 @@
 #include "core/dir_info.h"
 #include "core/log.h"
 #include "modules/config.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
+#include "proc/task_files.h"
 
 namespace {
 
@@ -40,9 +41,7 @@ bool walk_threads(const dirent64* process_entry, const std::string& process_name
         return false;
     }
     const dirent64* entry = task_dir_reader.next();
-    if (entry == nullptr) {
-        check_thread_entry(process_entry, process_name, pid, task_dir);
-    }
+    if (entry == nullptr) check_thread_entry(process_entry, process_name, pid, task_dir);
     for (; entry != nullptr; entry = task_dir_reader.next()) {
         check_thread_entry(entry, process_name, pid, task_dir);
     }
@@ -83,7 +82,7 @@ std::set<int> walk_proc() {
     while (const dirent64* entry = proc_dir_reader.next()) {
         check_process_entry(entry, &zygote_pids);
     }
-    // Closing makes the way back moot; it stays, so that a walk is the same calls as ever.
+    // Nothing rests on the rewind: the next walk opens /proc anew.
     proc_dir_reader.rewind();
     proc_dir_reader.close();
     return zygote_pids;

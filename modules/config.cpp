@@ -44,38 +44,33 @@ bool Config::check_process(std::string name, int pid, std::string path) {
 }
 
 void Config::scan_process(std::set<int> zygote_pids) {
-    for (Module* module : modules) {
-        if (takes_part(module)) module->scan_process(zygote_pids);
-    }
+    fan_out(&Module::scan_process, zygote_pids);
 }
 
 void Config::check_process_sh() {
-    for (Module* module : modules) {
-        if (takes_part(module)) module->check_process_sh();
-    }
+    fan_out(&Module::check_process_sh);
 }
 
 void Config::dump() {
-    for (Module* module : modules) {
-        if (takes_part(module)) module->dump();
-    }
+    fan_out(&Module::dump);
 }
 
 void Config::pre_check() {
-    for (Module* module : modules) {
-        if (takes_part(module)) module->pre_check();
-    }
+    fan_out(&Module::pre_check);
 }
 
 void Config::post_check(std::string name, std::string path) {
-    for (Module* module : modules) {
-        if (takes_part(module)) module->post_check(name, path);
-    }
+    fan_out(&Module::post_check, name, path);
 }
 
 void Config::check_thread(std::string name, int pid, std::string comm, int tid, std::string path) {
+    fan_out(&Module::check_thread, name, pid, comm, tid, path);
+}
+
+template <typename... Arguments>
+void Config::fan_out(void (Module::*operation)(Arguments...), const Arguments&... arguments) {
     for (Module* module : modules) {
-        if (takes_part(module)) module->check_thread(name, pid, comm, tid, path);
+        if (takes_part(module)) (module->*operation)(arguments...);
     }
 }
 

@@ -4,10 +4,10 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "modules/module.h"
-#include "modules/process_list.h"
 
 class BinderMonitor;
 class BlackWhiteList;
@@ -16,11 +16,15 @@ class ProcessMonitor;
 // What to do with a hung task.
 enum Policy : int32_t { kPolicyKill = 0, kPolicyReboot = 1, kPolicyPanic = 2, kPolicyNothing = 3 };
 
-// The policy that a word of the settings selects; nothing for any but "kill", "reboot", "panic".
+// The policy that "kill", "reboot" or "panic" selects; std::nullopt for any other word, "nothing"
+// included: the default is the caller's.
 std::optional<Policy> policy_of(const std::string& word);
 
 // Mode of the I/O-wait list.
 enum ListMode : int32_t { kWhiteList = 0, kBlackList = 1 };
+
+// Process names, each with the names of its threads to watch; no thread: the process as a whole.
+using ProcessList = std::unordered_map<std::string, std::set<std::string>>;
 
 // The settings of the daemon, and the composite through which the scan loop reaches the detectors:
 // every operation of Module goes to each enabled entry of `modules`, in order, with copies of the
@@ -80,6 +84,9 @@ class Config : public Module {
 
   private:
     Config() = default;
+
+    template <typename... Arguments>
+    void fan_out(void (Module::*operation)(Arguments...), const Arguments&... arguments);
 
     void apply_timeout_property();
     void apply_policy_property();

@@ -8,51 +8,39 @@
 
 namespace {
 
+// Makes a child of the zygote write the stacks of its managed threads.
 constexpr int kManagedDumpSignal = SIGQUIT;
-// The platform reserves the real-time signals from 32 on; 35 is its debugger signal.
+// Makes any process write its native stacks. The platform reserves the real-time signals from 32
+// on; 35 is its debugger signal.
 constexpr int kNativeDumpSignal = 35;
 
-void dump_blocked(const proc& task, bool zygote_child) {
-    if (task.state == 'Z') {
-        dump_stacks(task.ppid, false);
-    } else {
-        dump_stacks(task.tgid, zygote_child);
+void dump_stacks(int pid, bool has_managed_threads) {
+    if (has_managed_threads) {
+        kill(pid, kManagedDumpSignal);
+        usleep(kDumpTimeUs);
     }
+    kill(pid, kNativeDumpSignal);
+}
+
+void dump_kernel() {
     do_sys_rq("w");
     do_sys_rq("l");
     usleep(kDumpTimeUs);
 }
 
-// "tid:1234 pid:1200 ppid:1 in D 120s"; a zombie's report has no tid.
-std::string blocked_report(const proc& task, int64_t timeout) {
-    std::string report;
-    if (task.state != 'Z') report = "tid:" + std::to_string(task.pid) + " ";
-    return report + "pid:" + std::to_string(task.tgid) + " ppid:" + std::to_string(task.ppid) +
-           " in " + task.state + " " + whole_seconds(timeout);
-}
-
 }  // namespace
 
-void dump_stacks(uint32_t pid, bool zygote_child) {
-    const auto target = static_cast<pid_t>(pid);
-    if (zygote_child) {
-        kill(target, kManagedDumpSignal);
-        usleep(kDumpTimeUs);
+bool respond(proc* task, bool zygote_child, std::string report) {
+    // What is left in the record of a task that is not there says nothing.
+    const bool is_blocked = task->alive && is_blocked_state(task->state);
+    const bool is_zombie = is_blocked && task->state == 'Z';
+    const int target = is_zombie ? task->ppid : task->tgid;
+    if (task->reported) {
+        handle_policy(target, report);
+        return false;
     }
-    kill(target, kNativeDumpSignal);
-}
-
-bool respond_blocked(proc* task, bool zygote_child, int64_t timeout) {
-    if (!task->reported) {
-        dump_blocked(*task, zygote_child);
-        task->reported = true;
-        return true;
-    }
-    std::string report = blocked_report(*task, timeout);
-    handle_policy(static_cast<int>(task->state == 'Z' ? task->ppid : task->tgid), report);
-    return false;
-}
-
-std::string whole_seconds(int64_t milliseconds) {
-    return std::to_string(milliseconds / 1000) + "s";
+    dump_stacks(target, zygote_child && !is_zombie);
+    if (is_blocked) dump_kernel();
+    task->reported = true;
+    return true;
 }

@@ -16,9 +16,11 @@ constexpr bool is_blocked_state(char state) {
 }
 
 // One sampled task: a process or one of its threads. read_stat() keeps the fields marked [s]; the
-// detector that holds the record owns the others. It also sets `reported` with the first stage and
-// `count` to 0 with every one and where the task is in no condition to be judged, lets the `count`
-// of a missing task grow, and fills in ids, state and name where a listing tells them.
+// detector that holds the record keeps the others. Of the sampled ones a detector changes
+//   - `reported`, set with the first stage of the response to a hang;
+//   - `count`, set to 0 with every stage and while the task is in no condition to be judged, and
+//     grown while the task is missing;
+//   - ids, state and name, where a listing of ps tells them.
 struct proc {
     uint32_t pid = kUnknownId;   // [s] task id: the thread id for /proc/<pid>/task/<tid>
     uint32_t tgid = kUnknownId;  // process that owns the task

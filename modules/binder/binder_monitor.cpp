@@ -3,11 +3,13 @@
 #include <cstdlib>
 #include <vector>
 
-#include "core/hang_policy.h"
 #include "core/log.h"
 #include "modules/config.h"
+#include "modules/hang_report.h"
 #include "modules/hang_stages.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
+#include "proc/sample.h"
+#include "proc/task_files.h"
 
 namespace {
 
@@ -36,10 +38,6 @@ void BinderMonitor::dump() {
 
 void BinderMonitor::pre_check() {
     for (auto& [tid, thread] : binder_threads) thread.alive = false;
-}
-
-bool BinderMonitor::check_process(std::string /*name*/, int /*pid*/, std::string /*path*/) {
-    return true;
 }
 
 void BinderMonitor::check_thread(std::string /*name*/, int pid, std::string comm, int tid,
@@ -118,34 +116,21 @@ void BinderMonitor::judge_thread(proc* thread, const std::set<int>& zygote_pids)
     }
     // Without a zygote the flag stays as it was; in shell mode finding the thread has set it.
     if (!zygote_pids.empty()) {
-        thread->zygote_child = zygote_pids.count(static_cast<int>(thread->ppid)) != 0;
+        thread->zygote_child = zygote_pids.count(thread->ppid) != 0;
         if (debug) LOG_INFO("thread %s is forked by zygote:%d", thread->comm, thread->zygote_child);
     }
     if (thread->count < timeout / 2) return;
 
     thread->count = 0;
-    if (!is_blocked_state(thread->state)) {
-        respond_waiting(thread);
-    } else if (respond_blocked(thread, thread->zygote_child, timeout) && debug) {
+    const bool is_blocked = is_blocked_state(thread->state);
+    const std::string report =
+            is_blocked ? blocked_report(*thread, timeout) : waiting_report(*thread, timeout);
+    if (!respond(thread, thread->zygote_child, report) || !debug) return;
+    if (is_blocked) {
         LOG_INFO("dumped hung proc:%u parent=%u stat=%c", thread->tgid, thread->ppid,
                  thread->state);
+    } else {
+        LOG_INFO("dumped hung proc:%u parent=%u wchan=%s", thread->tgid, thread->ppid,
+                 thread->wchan.c_str());
     }
-}
-
-// A thread that sleeps in a listed wait channel.
-void BinderMonitor::respond_waiting(proc* thread) {
-    if (!thread->reported) {
-        dump_stacks(thread->tgid, thread->zygote_child);
-        thread->reported = true;
-        if (debug) {
-            LOG_INFO("dumped hung proc:%u parent=%u wchan=%s", thread->tgid, thread->ppid,
-                     thread->wchan.c_str());
-        }
-        return;
-    }
-    // Nothing stands between the wait channel and the seconds: log readers know the line so.
-    std::string report = "pid:" + std::to_string(thread->tgid) +
-                         " ppid:" + std::to_string(thread->ppid) + " wchan: " + thread->wchan +
-                         whole_seconds(timeout);
-    handle_policy(static_cast<int>(thread->tgid), report);
 }

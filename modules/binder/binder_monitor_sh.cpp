@@ -4,10 +4,12 @@
 #include "core/log.h"
 #include "modules/binder/binder_monitor.h"
 #include "modules/config.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
 #include "proc/ps_columns.h"
+#include "proc/sample.h"
 #include "proc/shell_command.h"
 #include "proc/string_split.h"
+#include "proc/task_files.h"
 
 void BinderMonitor::check_process_sh() {
     const std::string command = listing_command();
@@ -71,8 +73,7 @@ void BinderMonitor::check_listed_thread(const char* line) {
         return;
     }
     if (is_monitor_state(thread.state, thread.wchan)) {
-        read_stat(&thread, thread_dir(static_cast<int>(thread.tgid), static_cast<int>(thread.pid)),
-                  Config::get().interval);
+        read_stat(&thread, thread_dir(thread), Config::get().interval);
     } else {
         thread.count = 0;
     }

@@ -10,7 +10,8 @@
 #include <utility>
 
 #include "core/log.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
+#include "proc/task_files.h"
 
 namespace {
 
@@ -33,9 +34,7 @@ unique_fd open_sysctl(const char* path, bool debug) {
 bool write_global(const char* path, int value, bool debug) {
     const unique_fd file = open_sysctl(path, debug);
     if (file == -1) return false;
-    if (!WriteStringToFd(std::to_string(value), file)) {
-        if (debug) LOG_ERROR("write %s failed", path);
-    }
+    if (!WriteStringToFd(std::to_string(value), file) && debug) LOG_ERROR("write %s failed", path);
     return true;
 }
 
@@ -85,7 +84,6 @@ bool BlackWhiteList::confirm(int pid, ListInfo* info) {
         if (debug) LOG_INFO("bw pid %u changed to %s, traverse", pid, name.c_str());
         return false;
     }
-    info->alive = true;
     info->pending = false;
     return true;
 }
@@ -154,7 +152,7 @@ void BlackWhiteList::write_pid(int pid) const {
     const std::string line = std::to_string(pid) + " 1";
     const unique_fd file = open_sysctl(kPerTaskFile, debug);
     if (file == -1) return;
-    if (!WriteStringToFd(line, file)) {
-        if (debug) LOG_ERROR("write %s to %s failed", line.c_str(), kPerTaskFile);
+    if (!WriteStringToFd(line, file) && debug) {
+        LOG_ERROR("write %s to %s failed", line.c_str(), kPerTaskFile);
     }
 }

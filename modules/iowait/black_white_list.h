@@ -18,11 +18,12 @@ struct ListInfo {
     std::string name;      // list name under which it was found
 };
 
-// The I/O-wait list, "black_white_list" in the configuration and "bw" in the log: hands the
-// processes of the configured list to the kernel's own hung-task detector, which then judges their
-// I/O waits: through files under "/proc/sys/hung_task_enh/". The operations of Module run on the
-// scan loop's thread; ids are written by a worker thread. A slow file holds up only a scan that has
-// an id to queue meanwhile. What shell mode does instead of the walk is in black_white_list_sh.cpp.
+// The I/O-wait list, "black_white_list" in the configuration and "bw" in the log. It judges
+// nothing: it hands the processes of the configured list to the kernel's own hung-task detector,
+// through files under "/proc/sys/hung_task_enh/", and the kernel judges their I/O waits. The
+// operations of Module run on the scan loop's thread; ids are written by a worker thread. A slow
+// file holds up only a scan that has an id to queue meanwhile. What shell mode does instead of the
+// walk is in black_white_list_sh.cpp.
 class BlackWhiteList : public Module {
   public:
     // Writes the kernel's global settings and starts the worker thread: `mode` to

@@ -4,7 +4,7 @@
 
 #include "core/log.h"
 #include "modules/iowait/black_white_list.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
 #include "proc/ps_columns.h"
 #include "proc/shell_command.h"
 #include "proc/string_split.h"

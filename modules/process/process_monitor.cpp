@@ -3,20 +3,14 @@
 #include <cstring>
 #include <utility>
 
-#include "core/hang_policy.h"
 #include "core/log.h"
+#include "modules/hang_report.h"
 #include "modules/hang_stages.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
+#include "proc/sample.h"
+#include "proc/task_files.h"
 
 namespace {
-
-// A multi-threaded process whose main thread has exited lives on as a zombie with an empty command
-// line, under its old pid and parent.
-bool is_same_zombie(const process_info& process, const std::string& process_dir) {
-    const proc sample = sample_once(process_dir);
-    return sample.pid == static_cast<uint32_t>(process.pid) &&
-           sample.ppid == static_cast<uint32_t>(process.ppid) && sample.state == 'Z';
-}
 
 // The thread that the platform's managed runtime processes keep to watch themselves: it runs
 // regularly as long as its process is well.
@@ -45,7 +39,7 @@ ProcessMonitor::ProcessMonitor(const ProcessList& process_list, int64_t interval
     }
 }
 
-process_info* ProcessMonitor::proc_lookup(const char* name) {
+process_info* ProcessMonitor::proc_lookup(const std::string& name) {
     const auto found = processes.find(name);
     return found != processes.end() ? &found->second : nullptr;
 }
@@ -75,16 +69,8 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
     }
 
     const std::string pid = std::to_string(process->pid);
-    const std::string process_dir = "/proc/" + pid;
     const std::string program = get_proc_name(pid);
-    if (program.empty()) {
-        if (!is_same_zombie(*process, process_dir)) {
-            process->unbind();
-            return false;
-        }
-        read_stat(&process->first_thread(), process_dir, interval);
-        return true;
-    }
+    if (program.empty()) return sample_zombie(process, "/proc/" + pid);
 
     const std::string current_name = program_base_name(program);
     if (current_name != process->cmd_name) {
@@ -92,8 +78,7 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
         return false;
     }
     if (process->main_only) {
-        process->first_thread().alive = true;
-        read_stat(&process->first_thread(), thread_dir(process->pid, process->pid), interval);
+        sample_main_thread(process, thread_dir(process->pid, process->pid));
         return true;
     }
     return refresh_threads(process);
@@ -102,8 +87,7 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
 bool ProcessMonitor::refresh_threads(process_info* process) {
     for (auto& [name, thread] : process->threads) {
         if (!thread.alive) return false;
-        const std::string task_dir =
-                thread_dir(static_cast<int>(thread.tgid), static_cast<int>(thread.pid));
+        const std::string task_dir = thread_dir(thread);
         const std::string current_name = get_comm(task_dir);
         if (current_name != thread.comm) {
             if (debug) LOG_ERROR("thread %s change to %s", thread.comm, current_name.c_str());
@@ -124,7 +108,7 @@ bool ProcessMonitor::check_process(std::string name, int pid, std::string path) 
         check_unnamed_process(pid, path);
         return false;
     }
-    process_info* process = proc_lookup(name.c_str());
+    process_info* process = proc_lookup(name);
     if (process == nullptr) return false;
 
     process->cmd_name = name;
@@ -136,40 +120,50 @@ bool ProcessMonitor::check_process(std::string name, int pid, std::string path) 
     process->started = pid != -1;
     if (!process->main_only) return true;
 
+    sample_main_thread(process, path);
+    process->ppid = process->first_thread().ppid;
+    return false;
+}
+
+void ProcessMonitor::sample_main_thread(process_info* process, const std::string& task_dir) const {
     proc& thread = process->first_thread();
     thread.alive = true;
-    thread.tgid = pid;
-    read_stat(&thread, path, interval);
-    process->ppid = static_cast<int32_t>(thread.ppid);
-    return false;
+    thread.tgid = process->pid;
+    read_stat(&thread, task_dir, interval);
 }
 
 void ProcessMonitor::check_unnamed_process(int pid, const std::string& path) {
     for (auto& [name, process] : processes) {
         if (process.pid != pid) continue;
-        if (is_same_zombie(process, path)) {
+        if (sample_zombie(&process, path)) {
             process.started = true;
-            read_stat(&process.first_thread(), path, interval);
             process.first_thread().alive = true;
-        } else {
-            process.unbind();
         }
         return;
     }
 }
 
+// A multi-threaded process whose main thread has exited lives on as a zombie with an empty command
+// line, under its old pid and parent. Any other process without one is not the one that was bound.
+bool ProcessMonitor::sample_zombie(process_info* process, const std::string& process_dir) const {
+    const proc sample = sample_once(process_dir);
+    if (sample.pid != static_cast<uint32_t>(process->pid) ||
+        sample.ppid != static_cast<uint32_t>(process->ppid) || sample.state != 'Z') {
+        process->unbind();
+        return false;
+    }
+    read_stat(&process->first_thread(), process_dir, interval);
+    return true;
+}
+
 void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, int tid,
                                   std::string path) {
-    process_info* process = proc_lookup(name.c_str());
+    process_info* process = proc_lookup(name);
     if (process == nullptr) return;
 
     if (process->main_only) {
         // A second sample of this scan: another detector asked for the threads.
-        if (tid != pid) return;
-        proc& thread = process->first_thread();
-        thread.alive = true;
-        thread.tgid = tid;
-        read_stat(&thread, path, interval);
+        if (tid == pid) sample_main_thread(process, path);
         return;
     }
 
@@ -183,18 +177,18 @@ void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, i
     thread.tgid = process->pid;
     read_stat(&thread, path, interval);
     thread.alive = thread.pid != kUnknownId;
-    process->ppid = static_cast<int32_t>(thread.ppid);
+    process->ppid = thread.ppid;
 }
 
 void ProcessMonitor::post_check(std::string name, std::string path) {
-    process_info* process = proc_lookup(name.c_str());
+    process_info* process = proc_lookup(name);
     if (process == nullptr) return;
 
     for (auto& [thread_name, thread] : process->threads) {
         if (thread.alive) continue;
         thread.tgid = process->pid;
         if (process->ppid == -1) {
-            process->ppid = static_cast<int32_t>(sample_once(path).ppid);
+            process->ppid = sample_once(path).ppid;
         }
         thread.ppid = process->ppid;
         thread.count += interval;
@@ -227,7 +221,7 @@ bool ProcessMonitor::judge_thread(const std::string& name, process_info* process
     }
     // Without a zygote there is no state filter: every thread that stands still is judged.
     if (!zygote_pids.empty()) {
-        thread->zygote_child = zygote_pids.count(static_cast<int>(thread->ppid)) != 0;
+        thread->zygote_child = zygote_pids.count(thread->ppid) != 0;
         process->zygote_child = thread->zygote_child;
         if (thread->alive && !is_candidate(*thread)) {
             thread->count = 0;
@@ -241,40 +235,16 @@ bool ProcessMonitor::judge_thread(const std::string& name, process_info* process
     }
     thread->count = 0;
 
-    if (!thread->alive || thread->state == 'S') {
-        respond_missing_or_unswitched(name, *process, thread);
-        return true;
+    if (thread->alive && thread->state != 'S' && !is_blocked_state(thread->state)) return false;
+    if (respond(thread, process->zygote_child, report_on(name, *thread)) && debug) {
+        LOG_INFO("dumped:%u %s parent=%u stat=%c", thread->tgid, process->cmd_name.c_str(),
+                 thread->ppid, thread->state);
     }
-    if (is_blocked_state(thread->state)) {
-        if (respond_blocked(thread, process->zygote_child, timeout)) log_dumped(*process, *thread);
-        return true;
-    }
-    return false;
+    return true;
 }
 
-// A watched thread that is missing, or one that sleeps and is never switched to.
-void ProcessMonitor::respond_missing_or_unswitched(const std::string& name,
-                                                   const process_info& process, proc* thread) {
-    if (!thread->reported) {
-        dump_stacks(thread->tgid, process.zygote_child);
-        log_dumped(process, *thread);
-        thread->reported = true;
-        return;
-    }
-    const std::string ids =
-            "pid:" + std::to_string(thread->tgid) + " ppid:" + std::to_string(thread->ppid);
-    std::string report;
-    if (!thread->alive) {
-        report = name + " in " + ids + " cannot start " + whole_seconds(timeout);
-    } else {
-        report = "tid:" + std::to_string(thread->pid) + " " + ids + " in unswitch " +
-                 thread->state + " " + whole_seconds(timeout);
-    }
-    handle_policy(static_cast<int>(thread->tgid), report);
-}
-
-void ProcessMonitor::log_dumped(const process_info& process, const proc& thread) const {
-    if (!debug) return;
-    LOG_INFO("dumped:%u %s parent=%u stat=%c", thread.tgid, process.cmd_name.c_str(), thread.ppid,
-             thread.state);
+std::string ProcessMonitor::report_on(const std::string& name, const proc& thread) const {
+    if (!thread.alive) return missing_report(name, thread, timeout);
+    if (thread.state == 'S') return unswitched_report(thread, timeout);
+    return blocked_report(thread, timeout);
 }

@@ -6,8 +6,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "modules/config.h"
 #include "modules/module.h"
-#include "modules/process_list.h"
 #include "proc/proc.h"
 
 // One process to watch and the live process it is bound to.
@@ -40,12 +40,10 @@ class ProcessMonitor : public Module {
     // Durations in ms. Every process and thread of `process_list` starts unbound.
     ProcessMonitor(const ProcessList& process_list, int64_t interval, int64_t timeout);
 
-    // The entry of exactly this name, or null.
-    process_info* proc_lookup(const char* name);
-
     // Refreshes every watched task from its recorded ids, without a walk; true at the first one
     // that is missing, was not met yet or runs under another name. The tasks before that one stay
-    // refreshed. A process that is gone but for its id is unbound.
+    // refreshed. A process without a command line is unbound, unless it is the zombie that an
+    // exited main thread leaves while other threads live.
     bool need_traverse() override;
     bool check_process(std::string name, int pid, std::string path) override;
     void scan_process(std::set<int> zygote_pids) override;
@@ -59,7 +57,12 @@ class ProcessMonitor : public Module {
                       std::string path) override;
 
   private:
+    // The entry of exactly this name, or null.
+    process_info* proc_lookup(const std::string& name);
+
     // Binding, by the walk and between walks.
+    void sample_main_thread(process_info* process, const std::string& task_dir) const;
+    bool sample_zombie(process_info* process, const std::string& process_dir) const;
     void check_unnamed_process(int pid, const std::string& path);
     bool refresh(const std::string& name, process_info* process);
     bool refresh_threads(process_info* process);
@@ -79,9 +82,7 @@ class ProcessMonitor : public Module {
     // Judging; true when a stage of the response was carried out.
     bool judge_thread(const std::string& name, process_info* process, proc* thread,
                       const std::set<int>& zygote_pids);
-    void respond_missing_or_unswitched(const std::string& name, const process_info& process,
-                                       proc* thread);
-    void log_dumped(const process_info& process, const proc& thread) const;
+    std::string report_on(const std::string& name, const proc& thread) const;
 
     int64_t interval;
     int64_t timeout;

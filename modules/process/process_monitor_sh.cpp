@@ -3,10 +3,12 @@
 
 #include "core/log.h"
 #include "modules/process/process_monitor.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
 #include "proc/ps_columns.h"
+#include "proc/sample.h"
 #include "proc/shell_command.h"
 #include "proc/string_split.h"
+#include "proc/task_files.h"
 
 namespace {
 
@@ -17,17 +19,9 @@ std::vector<std::string> run_and_split(const std::string& command) {
     return string_split(output, " ");
 }
 
-// Empty where the output ends before the column.
-std::string column_at(const std::vector<std::string>& columns, size_t column) {
-    return column < columns.size() ? columns[column] : std::string();
-}
-
-int number_at(const std::vector<std::string>& columns, size_t column) {
-    return atoi(column_at(columns, column).c_str());
-}
-
-char state_at(const std::vector<std::string>& columns, size_t column) {
-    return column_at(columns, column)[0];
+// Empty where the output ends before the name, its last column.
+std::string name_in(const std::vector<std::string>& columns, size_t name_column) {
+    return name_column < columns.size() ? columns[name_column] : std::string();
 }
 
 }  // namespace
@@ -52,10 +46,10 @@ bool ProcessMonitor::bind_process_sh(const std::string& name, process_info* proc
     if (columns.size() < ps_processes::kName) {  // the name itself may be missing
         process->unbind();
     } else {
-        if (number_at(columns, ps_processes::kPid) != process->pid) {
+        if (atoi(columns[ps_processes::kPid].c_str()) != process->pid) {
             rebind_process_sh(name, columns, process);
         }
-        process->state = state_at(columns, ps_processes::kState);
+        process->state = columns[ps_processes::kState].front();
     }
     if (!process->started && debug) LOG_INFO("process %s not started.", name.c_str());
     return process->started;
@@ -66,11 +60,11 @@ void ProcessMonitor::rebind_process_sh(const std::string& name,
                                        process_info* process) {
     if (debug) LOG_INFO("proc %s pid changed.", name.c_str());
     process->unbind();
-    process->pid = number_at(columns, ps_processes::kPid);
-    process->ppid = number_at(columns, ps_processes::kPpid);
+    process->pid = atoi(columns[ps_processes::kPid].c_str());
+    process->ppid = atoi(columns[ps_processes::kPpid].c_str());
     process->started = process->pid != -1;
     if (!process->started) return;
-    process->cmd_name = column_at(columns, ps_processes::kName);
+    process->cmd_name = name_in(columns, ps_processes::kName);
     if (is_zygote(get_proc_name(std::to_string(process->ppid)))) process->zygote_child = true;
 }
 
@@ -87,7 +81,7 @@ void ProcessMonitor::check_main_thread_sh(process_info* process) {
         return;
     }
     if (debug) LOG_INFO("proc %d stat=%c", process->pid, thread.state);
-    read_stat(&thread, thread_dir(process->pid, process->pid), interval);
+    read_stat(&thread, thread_dir(thread), interval);
 }
 
 // Binds the thread to the tid that is listed under its name, or unbinds it.
@@ -100,17 +94,17 @@ void ProcessMonitor::bind_thread_sh(const std::string& name, int pid, proc* thre
         if (thread->alive) thread->clear_sample();
         return;
     }
-    const auto tid = static_cast<uint32_t>(number_at(columns, ps_threads::kTid));
+    const auto tid = static_cast<uint32_t>(atoi(columns[ps_threads::kTid].c_str()));
     if (tid != thread->pid) {
         if (debug) LOG_INFO("thread %s tid changed.", name.c_str());
         thread->clear_sample();
         thread->pid = tid;
-        thread->tgid = number_at(columns, ps_threads::kPid);
-        thread->ppid = number_at(columns, ps_threads::kPpid);
-        thread->set_comm(column_at(columns, ps_threads::kName).c_str());
+        thread->tgid = atoi(columns[ps_threads::kPid].c_str());
+        thread->ppid = atoi(columns[ps_threads::kPpid].c_str());
+        thread->set_comm(name_in(columns, ps_threads::kName).c_str());
     }
     thread->alive = thread->pid != kUnknownId;
-    thread->state = state_at(columns, ps_threads::kState);
+    thread->state = columns[ps_threads::kState].front();
 }
 
 void ProcessMonitor::check_thread_sh(const std::string& name, const process_info& process,
@@ -127,6 +121,5 @@ void ProcessMonitor::check_thread_sh(const std::string& name, const process_info
         return;
     }
     if (debug) LOG_INFO("thread %s state=%c", name.c_str(), thread->state);
-    read_stat(thread, thread_dir(static_cast<int>(thread->tgid), static_cast<int>(thread->pid)),
-              interval);
+    read_stat(thread, thread_dir(*thread), interval);
 }

@@ -16,7 +16,9 @@
 #include "modules/config.h"
 #include "modules/iowait/black_white_list.h"
 #include "modules/process/process_monitor.h"
-#include "proc/proc_readers.h"
+#include "proc/names.h"
+#include "proc/sample.h"
+#include "proc/task_files.h"
 
 const char* tasks = R"(etc/tovrel.json:{"Config":{"switches":{"debug":true},"policy":"panic",
     "scan":{"timeout_second":2,"round":2},"default_open_hw_list":{},"monitor_process":{

@@ -1,18 +1,10 @@
-#include "proc/proc_readers.h"
-
-#include <android-base/file.h>
-#include <sys/stat.h>
+#include "proc/sample.h"
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <string_view>
-#include <vector>
 
 #include "core/log.h"
-#include "proc/string_split.h"
-
-using namespace std::string_view_literals;
+#include "proc/task_files.h"
 
 namespace {
 
@@ -101,59 +93,4 @@ proc sample_once(const std::string& task_dir) {
     proc sample;
     read_stat(&sample, task_dir, 0);
     return sample;
-}
-
-std::string get_comm(const std::string& task_dir) {
-    std::string name = read_task_file(task_dir, "/comm");
-    cut_at_separator(&name);
-    return name;
-}
-
-std::string get_proc_name(const std::string& pid) {
-    std::string name = read_task_file("/proc/" + pid, "/cmdline");
-    cut_at_separator(&name);
-    return name;
-}
-
-bool get_valid_tid_dir(const dirent64* entry, std::string* path) {
-    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') return false;
-    if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) return false;
-    path->assign("/proc/").append(entry->d_name);
-    if (entry->d_type == DT_DIR) return true;
-    struct stat status;
-    return lstat(path->c_str(), &status) == 0 && (status.st_mode & S_IFDIR) != 0;
-}
-
-std::string thread_dir(int pid, int tid) {
-    return "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
-}
-
-std::string read_task_file(const std::string& task_dir, const char* name) {
-    std::string path;
-    // One allocation instead of two: this runs for every file of every scan.
-    path.reserve(task_dir.size() + strlen(name));
-    path.append(task_dir).append(name);
-    std::string content;
-    if (!android::base::ReadFileToString(path, &content, false)) {
-        if (debug_gate) LOG_INFO("Read %s failed", path.c_str());
-        content.clear();
-    }
-    return content;
-}
-
-void cut_at_separator(std::string* text) {
-    constexpr std::string_view kSeparators = " \t\r\n\0"sv;
-    const size_t end = text->find_first_of(kSeparators);
-    if (end != std::string::npos) text->erase(end);
-}
-
-bool is_zygote(const std::string& process_name) {
-    return process_name == "zygote" || process_name == "zygote64";
-}
-
-std::string program_base_name(const std::string& path) {
-    // Spares the names without a directory, such as every application's, the vector of pieces.
-    if (path.find('/') == std::string::npos) return path;
-    const std::vector<std::string> pieces = string_split(path, "/");
-    return pieces.size() > 1 ? pieces.back() : path;
 }
