@@ -1,4 +1,4 @@
-"""usage: check_config_test.py PLAY. Tests tools/check-config; PLAY is the program tovrel_play."""
+"""usage: check_config_test.py PLAY. Tests tools/check-config; PLAY is the program rehearse."""
 import itertools, json, pathlib, re, runpy, subprocess, sys, tempfile
 
 CHECK = pathlib.Path(__file__).resolve().parent.parent / "tools/check-config"
@@ -63,7 +63,7 @@ APP, THREAD = "100 app {s} ppid=30 runs={r}", "100/101 Binder:1 {s} ppid=30 uid=
 PLAYED = [  # kind of window, sections, and the steps that make a calm task and a hung one
     ("process or thread", watch(["app", "t"]) | BINDER, [APP, THREAD.replace("Binder:1", "t")]),
     ("whole process of one thread", watch(["app"]) | BINDER, [APP]),
-    ("never", watch(["app"]) | BINDER, [APP, "100/101 x S ticks=99"]),
+    ("never", watch(["app"]) | BINDER, [APP, "100/101 x S utime=99"]),
     ("binder thread", BINDER, [APP, THREAD]), ("missing thread", watch(["app", "t"]), [APP]),
     ("binder thread", BINDER | SHELL, [THREAD.replace("{s}", "S wchan={s}")]),
     ("the same, beside a missing one", watch(["app"], ["ghost"]), [APP])]
@@ -79,7 +79,7 @@ def play(played, scan, raised, is_late):
     calm = [";" + step.format(s="S", r=5) for step in steps] * (played not in NEW)
     hung = [f";@{start} " + step.format(s="D", r=6) for step in steps]
     events = subprocess.check_output([sys.argv[1], file, "".join([world, *calm, *hung])], text=True)
-    kills = re.findall(r"@(\S+) kill \d+ (\d+)", events)
+    kills = re.findall(r"^(\S+) kill \d+ (\d+)", events, re.M)
     times = [1000 * float(t) for t, s in kills[:1] + [kill for kill in kills if kill[1] == "9"]]
     assert (len(times) > 2) == bool(times) == bool(window), (kind, scan, times)
     waits = [time - since for time, since in zip(times, [1000 * start] * 2 + times[1:])]

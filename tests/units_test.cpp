@@ -1,4 +1,5 @@
-// What no story can tell.
+// What no story can tell: what objects begin with, and functions beyond what the daemon asks of
+// them.
 
 #include <gtest/gtest.h>
 
@@ -9,29 +10,96 @@
 #include "modules/config.h"
 #include "modules/iowait/black_white_list.h"
 #include "modules/process/process_monitor.h"
-#include "proc/names.h"
 #include "proc/sample.h"
-#include "proc/task_files.h"
 #include "proc/shell_command.h"
 #include "proc/string_split.h"
-#include "world.h"
+#include "sim/play.h"
+
+namespace {
+
+// What happens when `body` runs in the place of the daemon, under every log line.
+std::string events_of(const std::string& steps, const std::function<void()>& body) {
+    const Outcome outcome = play(steps + "; watch .", [&body](Device&) {
+        body();
+        end_play();
+    });
+    return outcome.events + outcome.failure;
+}
 
 struct Uncalled : Module {
-    bool need_traverse() override { return must(false), false; }
-    bool check_process(std::string, int, std::string) override { return must(false), false; }
-    void scan_process(std::set<int>) override { must(false); }
-    void check_process_sh() override { must(false); }
-    void dump() override { must(false); }
-    void pre_check() override { must(false); }
-    void post_check(std::string, std::string) override { must(false); }
-    void check_thread(std::string, int, std::string, int, std::string) override { must(false); }
+    bool need_traverse() override { fail("need_traverse"); }
+    bool check_process(std::string, int, std::string) override { fail("check_process"); }
+    void scan_process(std::set<int>) override { fail("scan_process"); }
+    void check_process_sh() override { fail("check_process_sh"); }
+    void dump() override { fail("dump"); }
+    void pre_check() override { fail("pre_check"); }
+    void post_check(std::string, std::string) override { fail("post_check"); }
+    void check_thread(std::string, int, std::string, int, std::string) override {
+        fail("check_thread");
+    }
 };
+
+}  // namespace
+
+TEST(Record, BeginsAsUnknown) {
+    const proc task;
+    EXPECT_EQ(task.pid, kUnknownId);
+    EXPECT_EQ(task.tgid, kUnknownId);
+    EXPECT_EQ(task.ppid, kUnknownId);
+    EXPECT_EQ(task.uid, 20000u);
+    EXPECT_EQ(task.sched_count, 0u);
+    EXPECT_EQ(task.cpu_time, 0u);
+    EXPECT_EQ(task.count, 0);
+    EXPECT_EQ(task.state, '?');
+    EXPECT_STREQ(task.comm, "");
+    EXPECT_FALSE(task.alive || task.reported || task.frozen || task.zygote_child);
+}
+
+TEST(Record, ForgetsItsSampleAndKeepsItsIds) {
+    proc task = {1, 2, 3, 4, 5, 6, 7, 'S', "comm", true, true, true, true, "wchan"};
+    task.clear_sample();
+    EXPECT_EQ(task.sched_count, 0u);
+    EXPECT_EQ(task.count, 0);
+    EXPECT_EQ(task.state, '?');
+    EXPECT_EQ(std::string(task.comm, sizeof(task.comm)), std::string(sizeof(task.comm), '\0'));
+    EXPECT_FALSE(task.alive || task.reported || task.frozen || task.zygote_child);
+    EXPECT_EQ(task.pid, 1u);
+    EXPECT_EQ(task.tgid, 2u);
+    EXPECT_EQ(task.ppid, 3u);
+    EXPECT_EQ(task.cpu_time, 6u);
+}
+
+TEST(ProcessInfo, IsUnboundWithItsThreads) {
+    process_info process;
+    EXPECT_FALSE(process.started || process.main_only || process.zygote_child);
+    EXPECT_EQ(process.pid, -1);
+    process = {true, true, true, 5, 6, 'D', "name", {}};
+    process.threads["thread"].count = 7;
+    process.unbind();
+    EXPECT_FALSE(process.started);
+    EXPECT_EQ(process.pid, -1);
+    EXPECT_EQ(process.ppid, -1);
+    EXPECT_EQ(process.state, '?');
+    EXPECT_EQ(process.threads["thread"].count, 0);
+    EXPECT_TRUE(process.main_only && process.zygote_child);
+}
+
+TEST(Config, BeginsSwitchedOff) {
+    const Config& config = Config::get();
+    EXPECT_FALSE(config.enable || config.debug || config.use_shell);
+    EXPECT_FALSE(config.process_enable || config.binder_enable);
+    EXPECT_FALSE(config.hw_enable || config.bw_enable);
+    EXPECT_EQ(config.policy, kPolicyNothing);
+    EXPECT_EQ(config.bw_mode, kBlackList);
+    EXPECT_EQ(config.timeout + config.timeout_min + config.interval + config.interval_min, 0);
+    EXPECT_EQ(config.log_timeout + config.round, 0);
+}
 
 TEST(Config, PassesOverModulesThatAreOff) {
     const auto every_operation = [] {
         Config& config = Config::get();
         config.modules = {nullptr, new Uncalled};
-        must(!config.need_traverse() && !config.check_process("", 1, ""));
+        REQUIRE(!config.need_traverse() && !config.check_process("", 1, ""));
         config.check_thread("", 1, "", 1, "");
         config.post_check("", "");
         config.pre_check();
@@ -39,73 +107,78 @@ TEST(Config, PassesOverModulesThatAreOff) {
         config.scan_process({});
         config.dump();
     };
-    EXPECT_EQ(World().run(every_operation), "nothing");
+    EXPECT_EQ(events_of("", every_operation), "");
 }
 
-TEST(Records, BeginAnew) {
-    const auto tell = [](const proc& task) {
-        record("task:", task.pid, task.tgid, task.ppid, task.uid, task.sched_count, task.cpu_time,
-               task.count, task.state, task.comm, task.alive, task.reported, task.frozen,
-               task.zygote_child, task.wchan);
+TEST(Config, KeepsTheOrderOfItsModules) {
+    const auto body = [] {
+        Config& config = Config::get();
+        read_config_file(&config);
+        REQUIRE(config.modules[0] == config.binder_monitor);
+        REQUIRE(config.modules[1] == config.black_white_list);
+        REQUIRE(config.modules[2] == config.process_monitor);
     };
-    const auto body = [&] {
-        tell({});
-        proc task = {1, 2, 3, 4, 5, 6, 7, 'S', "comm", true, true, true, true, "wchan"};
-        task.clear_sample();
-        tell(task);
-        for (const bool is_unbound : {false, true}) {
-            process_info process;
-            if (is_unbound) process = {true, true, true, 5, 6, 'D', "", {}}, process.unbind();
-            record("process:", process.started, process.main_only, process.zygote_child,
-                   process.pid, process.ppid, process.state);
-        }
+    EXPECT_EQ(events_of("debug false; binder uids=9; iowait app; process app", body).find("hold"),
+              std::string::npos);
+}
+
+TEST(BinderMonitor, KeepsTheUserOfAThread) {
+    const auto body = [] {
+        BinderMonitor monitor;
+        monitor.monitor_uids = {9};
+        monitor.check_thread("", 10, "Binder:1", 11, "/proc/10/task/11");
+        REQUIRE(monitor.binder_threads.at(11).uid == 9);
+    };
+    EXPECT_EQ(events_of("10/11 x S", body), "");
+}
+
+TEST(BlackWhiteList, IsEmptyUntilItIsFilled) {
+    const auto body = [] {
         BlackWhiteList list;
         list.debug = true;
         list.dump();
         list.check_process_sh();
-        Config& config = Config::get();
-        read_config_file(&config);
-        config.binder_monitor->check_thread("", 10, "Binder:1", 11, "/proc/10/task/11");
-        record("uid:", config.binder_monitor->binder_threads[11].uid, BinderMonitor().timeout);
-        must(config.modules == std::vector<Module*>{config.binder_monitor, config.black_white_list,
-                                                    config.process_monitor});
     };
-    World world("watch [^Dagm]; debug off; binder uids=9; iowait app; process app; 10/11 x S");
-    EXPECT_EQ(
-            world.run(body),
-            "@0 task: 4294967295 4294967295 4294967295 20000 0 0 0 ?  0 0 0 0 , "
-            "task: 1 2 3 4 0 6 0 ?  0 0 0 0 wchan, process: 0 0 0 -1 -1 ?, process: 0 1 1 -1 -1 ?, "
-            "I bw list enable=0,mode=0,size=0,io_time=0,io_task=0, E Empty bw list., uid: 9 0");
+    EXPECT_EQ(events_of("", body),
+              "0 I bw list enable=0,mode=0,size=0,io_time=0,io_task=0\n0 E Empty bw list.\n");
 }
 
-TEST(Functions, HoldAtTheirLimits) {
+TEST(Functions, TakeEmptyAndMissingArguments) {
     const auto body = [] {
-        const Config& config = Config::get();
-        record("off:", config.enable, config.debug, config.use_shell, config.process_enable,
-               config.binder_enable, config.hw_enable, config.bw_enable, "policy:", config.policy,
-               config.bw_mode, "ms:", config.timeout, config.timeout_min, config.interval,
-               config.interval_min, config.log_timeout, config.round);
         debug_gate = true;
         read_stat(nullptr, "/proc/9", 500);
         std::string no_report;
-        Config::get().policy = kPolicyKill, handle_policy(5, no_report);
-        Config::get().policy = kPolicyReboot, handle_policy(5, no_report);
+        Config::get().policy = kPolicyKill;
+        handle_policy(5, no_report);
+        Config::get().policy = kPolicyReboot;
+        handle_policy(5, no_report);
+        exec_command(nullptr, no_report.data());
+        exec_command("ps", nullptr);
+    };
+    EXPECT_EQ(events_of("", body),
+              "0 I Null procRecord.\n0 I killing 5\n0 kill 5 9\n0 reboot tovrel\n");
+}
+
+TEST(ExecCommand, ReadsTheStartOfTheOutput) {
+    const auto body = [] {
+        debug_gate = true;
         char output[kCommandOutputSize + 1];
         memset(output, '.', sizeof(output));
-        for (const char* command : {"short", "long", "broken"}) {
-            exec_command(command, output);
-            record("got", std::string(output, 5), strnlen(output, sizeof(output)));
-        }
-        exec_command(nullptr, output);
-        exec_command("long", nullptr);
+        exec_command("short", output);
+        REQUIRE(std::string(output) == "abc" + std::string(kCommandOutputSize - 4, '.'));
+        exec_command("long", output);
+        REQUIRE(std::string(output) == std::string(kCommandOutputSize - 1, 'x'));
+        REQUIRE(output[kCommandOutputSize] == '.');
+        exec_command("broken", output);
+        REQUIRE(output[0] == '\0');
     };
-    EXPECT_EQ(
-            World("watch .; fail popen broken ENOMEM; sh short prints abc; sh long prints " +
-                  std::string(3000, 'x'))
-                    .run(body),
-            "@0 off: 0 0 0 0 0 0 0 policy: 3 1 ms: 0 0 0 0 0 0, I Null procRecord., I killing 5, "
-            "kill 5 9, reboot tovrel, popen r short, got abc.. 1023, popen r long, got xxxxx 1023, "
-            "popen r broken, I [sh] broken failed, got \\0xxxx 0");
+    EXPECT_EQ(events_of("fail popen broken ENOMEM; sh short prints abc; sh long prints " +
+                                std::string(3000, 'x'),
+                        body),
+              "0 popen r short\n0 popen r long\n0 popen r broken\n0 I [sh] broken failed\n");
+}
+
+TEST(StringSplit, DropsEmptyPieces) {
     EXPECT_EQ(string_split(" a/b:", "/:"), (std::vector<std::string>{" a", "b"}));
     EXPECT_EQ(string_split("a b", ""), std::vector<std::string>{"a b"});
 }

@@ -1,0 +1,320 @@
+// The functions through which the daemon and the libraries under it reach the system, defined anew:
+// while there is a device, they answer for it. Outside of a play they are the C library's own.
+
+#include <android-base/strings.h>
+#include <android/log.h>
+#include <cutils/android_reboot.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <set>
+#include <vector>
+
+#include "sim/play.h"
+#include "sim/running_play.h"
+
+// The C library's own definition of one of the functions below.
+#define REAL(function) reinterpret_cast<decltype(&::function)>(dlsym(RTLD_NEXT, #function))
+
+namespace {
+
+using android::base::StartsWith;
+
+constexpr char kPerTaskFile[] = "/proc/sys/hung_task_enh/per_task_detect_mode";
+
+struct OpenFile {
+    std::string path;                  // or the command
+    std::vector<std::string> entries;  // of a directory: still to be read, each behind its type
+};
+
+std::map<int, OpenFile> open_files;
+int unwritten_ids;  // queued for the worker thread, as far as the log tells
+
+// Gives the worker thread of the I/O-wait list time.
+void await_worker(const std::function<bool()>& is_done) {
+    for (int i = 0; i < 3000; ++i) {
+        {
+            const std::lock_guard lock(play_mutex);
+            if (is_done()) return;
+        }
+        poll(nullptr, 0, 1);
+    }
+    fail("the worker thread has not written an id within 3 s");
+}
+
+// Whether a call is to fail now; errno is set then.
+bool fails(const std::string& call) {
+    const bool is_worker = gettid() != getpid();  // whose calls come in between
+    errno = !is_worker && ++device->calls == device->failing_call ? device->failing_errno : 0;
+    const auto failure = device->failures.find(call);
+    if (failure != device->failures.end()) {
+        errno = abs(failure->second);
+        if (failure->second < 0) device->failures.erase(failure);
+    }
+    return errno != 0;
+}
+
+bool is_played(const std::string& path) {
+    return device != nullptr && !StartsWith(path, "/proc/self/") &&
+           (StartsWith(path, "/proc/") || StartsWith(path, "/vendor/") || path == "/dev/kmsg");
+}
+
+int data_file(const std::string& content) {
+    const int fd = memfd_create("played", MFD_CLOEXEC);
+    REQUIRE(pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size()));
+    return fd;
+}
+
+// What is in the directory, each name behind its type; "." and ".." alone where it is none.
+std::vector<std::string> entries_of(const std::string& directory) {
+    std::vector<std::string> entries = {"4.", "4.."};
+    auto below = device->files.lower_bound(directory);
+    for (; below != device->files.end() && StartsWith(below->first, directory); ++below) {
+        const auto [name, rest] = cut(below->first.substr(directory.size()), "/");
+        if (entries.back().substr(1) == name) continue;
+        const char* type = device->settings["untyped"] != 0 ? "0" : rest.empty() ? "8" : "4";
+        entries.push_back(type + name);
+    }
+    return entries;
+}
+
+int open_played(const std::string& path, int flags) {
+    const std::lock_guard lock(play_mutex);
+    if (android::base::EndsWith(path, "/cmdline")) device->now_ms += device->settings["cost"];
+    if (fails("open " + path)) return -1;
+    const bool is_directory = (flags & O_DIRECTORY) != 0;
+    const bool is_read = !is_directory && (flags & O_ACCMODE) == O_RDONLY;
+    REQUIRE((flags & O_CLOEXEC) != 0);
+    REQUIRE(!is_read || (flags & O_NOFOLLOW) != 0);
+    OpenFile file = {path, {}};
+    if (is_directory) file.entries = entries_of(path);
+    const bool exists = is_directory ? file.entries.size() > 2 : device->files.count(path) != 0;
+    if (!exists) {
+        errno = ENOENT;
+        return -1;
+    }
+    const int fd = data_file(is_read ? device->files[path] : "");
+    open_files[fd] = file;
+    return fd;
+}
+
+long read_directory(int fd, char* buffer, size_t size) {
+    const std::lock_guard lock(play_mutex);
+    OpenFile& directory = open_files[fd];
+    if (fails("getdents " + directory.path)) return -1;
+    size_t used = 0;
+    auto entry = directory.entries.begin();
+    for (; entry != directory.entries.end(); ++entry) {
+        const size_t length = (offsetof(dirent64, d_name) + entry->size() + 7) & ~size_t{7};
+        if (used + length > size) break;
+        auto* record = reinterpret_cast<dirent64*>(buffer + used);
+        record->d_reclen = length;
+        record->d_type = entry->front() - '0';
+        strcpy(record->d_name, entry->c_str() + 1);
+        used += length;
+    }
+    directory.entries.erase(directory.entries.begin(), entry);
+    return static_cast<long>(used);
+}
+
+std::set<int> open_descriptors() {
+    std::set<int> descriptors;
+    DIR* directory = opendir("/proc/self/fd");
+    while (const dirent* entry = readdir(directory)) descriptors.insert(atoi(entry->d_name));
+    descriptors.erase(dirfd(directory));
+    closedir(directory);
+    return descriptors;
+}
+
+std::set<int> inherited_descriptors;
+
+}  // namespace
+
+void remember_open_descriptors() {
+    inherited_descriptors = open_descriptors();
+}
+
+std::string left_open() {
+    const auto is_at_rest = [] {
+        for (const auto& [fd, file] : open_files) {
+            if (file.path == kPerTaskFile) return false;
+        }
+        return true;
+    };
+    await_worker(is_at_rest);
+    const std::lock_guard lock(play_mutex);
+    std::vector<std::string> left;
+    for (const int fd : open_descriptors()) {
+        if (inherited_descriptors.count(fd) != 0) continue;
+        const auto file = open_files.find(fd);
+        if (file == open_files.end()) {
+            left.push_back("a descriptor");
+        } else if (file->second.path != "/proc/") {  // which may wait for the first walk
+            left.push_back(file->second.path);
+        }
+    }
+    if (waitpid(-1, nullptr, WNOHANG) != -1) left.push_back("a child");
+    return android::base::Join(left, ", ");
+}
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = va_arg(arguments, int);
+    va_end(arguments);
+    return is_played(path) ? open_played(path, flags) : REAL(open)(path, flags, mode);
+}
+int open64(const char* path, int flags, ...) __attribute__((alias("open")));
+
+int lstat(const char* path, struct stat* status) noexcept {
+    status->st_mode = device->files.count(path) != 0 ? S_IFREG : S_IFDIR;
+    return 0;
+}
+
+int close(int fd) {
+    REQUIRE(fd >= 0);
+    const std::lock_guard lock(play_mutex);
+    open_files.erase(fd);
+    return REAL(close)(fd);
+}
+
+ssize_t read(int fd, void* data, size_t size) {
+    const std::lock_guard lock(play_mutex);
+    const auto file = open_files.find(fd);
+    const ssize_t count = REAL(read)(fd, data, size);
+    // At the end, when there is something to be forgotten.
+    const bool is_at_end = count == 0 && file != open_files.end();
+    return is_at_end && fails("read " + file->second.path) ? -1 : count;
+}
+
+ssize_t write(int fd, const void* data, size_t size) {
+    REQUIRE(fd >= 0);
+    const std::lock_guard lock(play_mutex);
+    const auto file = open_files.find(fd);
+    if (file == open_files.end()) return REAL(write)(fd, data, size);
+    const std::string& path = file->second.path;
+    if (fails("write " + path)) return -1;
+    record(path.substr(path.rfind('/') + 1), std::string(static_cast<const char*>(data), size));
+    if (path == kPerTaskFile) --unwritten_ids;
+    return static_cast<ssize_t>(size);
+}
+
+long syscall(long number, ...) {
+    long a[6];
+    va_list arguments;
+    va_start(arguments, number);
+    for (long& argument : a) argument = va_arg(arguments, long);
+    va_end(arguments);
+    if (device != nullptr && number == SYS_getdents64) {
+        return read_directory(static_cast<int>(a[0]), reinterpret_cast<char*>(a[1]), a[2]);
+    }
+    return REAL(syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+FILE* popen(const char* command, const char* mode) {
+    const std::lock_guard lock(play_mutex);
+    record("popen", mode, command);
+    if (fails(std::string("popen ") + command)) return nullptr;
+    const int fd = data_file(device->output_of(command));
+    open_files[fd].path = command;
+    return fdopen(fd, mode);
+}
+
+int pclose(FILE* stream) {
+    const std::lock_guard lock(play_mutex);
+    open_files.erase(fileno(stream));
+    fclose(stream);
+    return fails("pclose") ? -1 : 0;
+}
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    if (device == nullptr) return REAL(clock_gettime)(clock, time);
+    REQUIRE(clock == CLOCK_MONOTONIC_COARSE);
+    *time = {device->now_ms / 1000, device->now_ms % 1000 * 1000000};
+    return 0;
+}
+
+int usleep(useconds_t us) {
+    await_worker([] { return unwritten_ids <= 0; });
+    const std::lock_guard lock(play_mutex);
+    record("usleep", us);
+    device->now_ms += us / 1000 + device->settings["late"];
+    return 0;
+}
+
+// The top of every turn of the scan loop.
+unsigned alarm(unsigned seconds) noexcept {
+    const int64_t until_ms = int64_t{device->settings["until"]} * 1000;
+    if (device->settings["turns"]-- == 0 || device->now_ms - device->start_ms > until_ms) {
+        end_play();
+    }
+    limit_turn();
+    const std::lock_guard lock(play_mutex);
+    record("calls", device->calls);
+    record("alarm", seconds);
+    device->take_due_steps();
+    if (device->on_turn) device->on_turn();
+    return 0;
+}
+
+int pause() {
+    record("pause");
+    static bool has_paused = false;
+    if (std::exchange(has_paused, true)) end_play();
+    return -1;
+}
+
+int kill(pid_t pid, int number) noexcept {
+    record("kill", pid == getpid() ? "self" : std::to_string(pid), number);
+    if (pid == getpid()) end_play();
+    return 0;
+}
+
+sighandler_t signal(int number, sighandler_t handler) noexcept {
+    record("signal", number);
+    return std::exchange(device->signal_handler, handler);
+}
+
+int prctl(int option, unsigned long value) noexcept {
+    record("prctl", option, value);
+    return 0;
+}
+
+int sched_setscheduler(pid_t pid, int policy, const sched_param* param) noexcept {
+    record("sched_setscheduler", pid, policy, param->sched_priority);
+    return 0;
+}
+
+int android_reboot(unsigned command, int flags, const char* reason) {
+    REQUIRE(command == ANDROID_RB_RESTART2 && flags == 0);
+    record("reboot", reason);
+    return -1;
+}
+
+int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    REQUIRE(strcmp(tag, "tovrel") == 0);
+    const std::lock_guard lock(play_mutex);
+    record("..VDIWEF"[priority], text);
+    if (StartsWith(text, "add_pids")) ++unwritten_ids;
+    if (priority == ANDROID_LOG_ERROR && strstr(text, kPerTaskFile) != nullptr) --unwritten_ids;
+    return 1;
+}
+}
