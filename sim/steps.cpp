@@ -116,7 +116,7 @@ Device::Device() {
 
 void Device::take(const std::string& steps) {
     for (const std::string& text : Split(steps, ";")) {
-        step_in_progress = text.substr(std::min(text.find_first_not_of(' '), text.size()));
+        step_in_progress = text.substr(std::min(text.find_first_not_of(" \n"), text.size()));
         if (!step_in_progress.empty()) take_step(step_in_progress);
     }
     step_in_progress.clear();
