@@ -1,28 +1,33 @@
+// Plays the stories of tests/stories and compares what happens with what is told.
+
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "sim/play.h"
 
 namespace {
 
 using android::base::StringReplace;
+using android::base::Trim;
 
-struct Story {
+struct Variant {
     int line;
-    std::string steps, events;
+    std::string reason, steps, events;
 };
 
-struct Heading {
+// What stands under one heading.
+struct Story {
     std::string file, name;
-    std::vector<Story> stories;
+    std::vector<Variant> variants;
 };
 
-void PrintTo(const Heading& heading, std::ostream* out) {
-    *out << heading.name;
+void PrintTo(const Story& story, std::ostream* out) {
+    *out << story.name;
 }
 
 std::string unescape(std::string text) {
@@ -32,42 +37,49 @@ std::string unescape(std::string text) {
     return StringReplace(text, "\\0", std::string(1, '\0'), true);
 }
 
-void read_headings(const std::filesystem::path& file, std::vector<Heading>* headings) {
+// A line and the indented ones below it, without remarks.
+std::string read_item(std::ifstream* lines, int* line_number) {
+    std::string item, line;
+    std::getline(*lines, item);
+    ++*line_number;
+    item = cut(item, "  -- ").first;
+    while (lines->peek() == ' ' && std::getline(*lines, line)) {
+        ++*line_number;
+        item += " " + Trim(cut(line, "  -- ").first);
+    }
+    return item;
+}
+
+void read_stories(const std::filesystem::path& file, std::vector<Story>* stories) {
     std::ifstream lines(file);
-    std::string given;
-    int number = 0;
-    for (std::string item, more; std::getline(lines, item);) {
-        const int line = ++number;
-        for (; lines.peek() == ' ' && std::getline(lines, more); ++number) {
-            item += more.substr(more.find_first_not_of(' ') - 1);
-        }
-        const auto [mark, text] = cut(item, " ");
-        const auto [steps, events] = cut(" " + text, " => ");
+    std::string given, events;
+    for (int next_line = 0; lines.peek() != EOF;) {
+        const int line = next_line + 1;
+        const auto [mark, text] = cut(read_item(&lines, &next_line), " ");
         if (mark == "#") {
-            headings->push_back({file, file.stem().string() + " " + text, {}});
-            given = "";
+            stories->push_back({file, file.stem().string() + " " + text, {}});
+            given.clear();
         } else if (mark == "given") {
-            given = unescape(text + ";");
+            given = text;
+        } else if (mark == "=>") {
+            events = text;
+            if (lines.peek() != '-') stories->back().variants.push_back({line, "", given, events});
         } else if (mark == "-") {
-            for (std::string rest = steps; !rest.empty(); rest = cut(rest, " | ").second) {
-                const std::string steps = given + unescape(cut(rest, " | ").first);
-                headings->back().stories.push_back({line, steps, events});
-            }
-        } else if (!item.empty()) {
-            fprintf(stderr, "%s:%d: no story: %s\n", file.c_str(), line, item.c_str()), abort();
+            const auto [reason, steps] = cut(text, ": ");
+            stories->back().variants.push_back({line, reason, given + ";" + steps, events});
+        } else if (!mark.empty()) {
+            stories->back().variants.push_back({line, "this line is none of a story", "", mark});
         }
     }
 }
 
-std::vector<Heading> all_headings() {
-    std::vector<Heading> headings;
+std::vector<Story> all_stories() {
+    std::vector<Story> stories;
     for (const auto& file : std::filesystem::directory_iterator(STORIES_DIR)) {
-        if (file.path().extension() == ".txt") read_headings(file, &headings);
+        if (file.path().extension() == ".txt") read_stories(file, &stories);
     }
-    return headings;
+    return stories;
 }
-
-}  // namespace
 
 // Joins events of one time: "@5 kill 10 3, kill 10 35 @12 reboot tovrel".
 std::string told_as_story(const Outcome& outcome) {
@@ -80,22 +92,24 @@ std::string told_as_story(const Outcome& outcome) {
     return text.empty() ? "nothing" : text.substr(1);
 }
 
-class Stories : public testing::TestWithParam<Heading> {};
+}  // namespace
+
+class Stories : public testing::TestWithParam<Story> {};
 
 TEST_P(Stories, EndAsTold) {
-    for (const auto& [line, steps, told] : GetParam().stories) {
-        const std::string events = told_as_story(play(steps));
-        const auto same = std::mismatch(told.begin(), told.end(), events.begin(), events.end());
+    for (const auto& [line, reason, steps, told] : GetParam().variants) {
+        const std::string happened = told_as_story(play(unescape(steps)));
+        if (happened == told) continue;
+        const auto same = std::mismatch(told.begin(), told.end(), happened.begin(), happened.end());
         const size_t difference = same.first - told.begin();
-        if (events == told) continue;
         const size_t turn = std::min(told.rfind('@', difference), difference);
         ADD_FAILURE_AT(GetParam().file.c_str(), line)
-                << "told:     " << told.substr(turn) << "\nhappened: " << events.substr(turn)
-                << "\nsteps:    " << steps;
+                << GetParam().name << ": " << reason << "\ntold:     " << told.substr(turn)
+                << "\nhappened: " << happened.substr(turn) << "\nsteps:    " << steps;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Daemon, Stories, testing::ValuesIn(all_headings()), [](const auto& info) {
+INSTANTIATE_TEST_SUITE_P(Daemon, Stories, testing::ValuesIn(all_stories()), [](const auto& info) {
     std::string name = info.param.name;
     std::replace_if(
             name.begin(), name.end(), [](char c) { return !isalnum(c); }, '_');
