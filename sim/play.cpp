@@ -114,6 +114,7 @@ void add_event(const std::string& event) {
 }
 
 void end_play() {
+    record("calls", device->calls, "in all");
     const std::string leaked = left_open();
     if (!leaked.empty()) record("leaked", leaked);
     const bool can_check = __lsan_do_recoverable_leak_check != nullptr;

@@ -25,7 +25,11 @@
 #include "sim/running_play.h"
 
 // The C library's own definition of one of the functions below.
-#define REAL(function) reinterpret_cast<decltype(&::function)>(dlsym(RTLD_NEXT, #function))
+#define REAL(function)                                          \
+    ([] {                                                       \
+        static void* const found = dlsym(RTLD_NEXT, #function); \
+        return reinterpret_cast<decltype(&::function)>(found);  \
+    }())
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "sim/play.h"
@@ -92,6 +93,30 @@ std::string told_as_story(const Outcome& outcome) {
     return text.empty() ? "nothing" : text.substr(1);
 }
 
+bool contains(const std::set<std::string>& whole, const std::set<std::string>& part) {
+    return std::includes(whole.begin(), whole.end(), part.begin(), part.end());
+}
+
+struct Consequences {
+    int64_t calls_of_start = 0, calls = 0;  // that could have failed
+    std::set<std::string> accused;          // ids of processes that were dumped, killed or reported
+    std::string leaked;
+};
+
+Consequences consequences_of(const Outcome& outcome) {
+    Consequences found;
+    std::istringstream lines(outcome.events);
+    std::string time, what, text;
+    while (lines >> time >> what && std::getline(lines, text)) {
+        if (what == "calls") found.calls = std::stoll(text);
+        if (found.calls_of_start == 0) found.calls_of_start = found.calls;
+        if (what == "leaked") found.leaked += text;
+        if (what == "kill") found.accused.insert(cut(text.substr(1), " ").first);
+        if (what == "kmsg") found.accused.insert(cut(cut(text, " pid:").second, " ").first);
+    }
+    return found;
+}
+
 }  // namespace
 
 class Stories : public testing::TestWithParam<Story> {};
@@ -106,6 +131,30 @@ TEST_P(Stories, EndAsTold) {
         ADD_FAILURE_AT(GetParam().file.c_str(), line)
                 << GetParam().name << ": " << reason << "\ntold:     " << told.substr(turn)
                 << "\nhappened: " << happened.substr(turn) << "\nsteps:    " << steps;
+    }
+}
+
+// A call that fails must not end the daemon nor leave anything open. In a scan it may put a stage
+// off, but it must not bring a task into discredit beside the ones that are stuck. A few calls of
+// each story fail, one in each play; with the environment variable, all of them.
+TEST_P(Stories, SurviveACallThatFails) {
+    for (const auto& [line, reason, told_steps, told] : GetParam().variants) {
+        const std::string steps = unescape(told_steps) + "; watch kill|kmsg|calls";
+        const Consequences as_told = consequences_of(play(steps));
+        const int64_t stride = getenv("TOVREL_FAIL_ALL_CALLS") ? 1 : as_told.calls / 3 + 1;
+        for (int64_t call = 1 + line % stride; call <= as_told.calls; call += stride) {
+            const Outcome outcome = play(steps, [call](Device& device) {
+                device.failing_call = call;
+                device.failing_errno = call % 2 == 0 ? EINTR : EIO;
+            });
+            const Consequences now = consequences_of(outcome);
+            const bool may_accuse = call <= as_told.calls_of_start || as_told.accused.empty();
+            EXPECT_TRUE(outcome.failure.empty() && now.leaked.empty() &&
+                        (may_accuse || contains(as_told.accused, now.accused)))
+                    << GetParam().file << ":" << line << ": " << reason << "\ncall " << call
+                    << " fails: " << outcome.failure << "\n"
+                    << outcome.events << "steps: " << told_steps;
+        }
     }
 }
 
