@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Measures what scans cost beside a population of sleeping tasks on the live /proc, and writes it
-between the marker lines of docs/performance.md; or prints what the scans of a build cost over those
-of another.
+between the marker lines of docs/performance.md.
 
-usage: report.py [OLD NEW]    two build directories of the preset bench
+usage: report.py [OLD NEW]    prints instead what the scans of NEW cost over those of OLD, both build
+                              directories of the preset bench
 """
 import contextlib
 import itertools
@@ -187,7 +187,7 @@ def compare(old, new):
         print(f"{title:<45} {ratio(*samples)}", flush=True)
 
 
-if len(sys.argv) == 3:
+if len(sys.argv) > 1:
     compare(*sys.argv[1:])
 else:
     write_document()
