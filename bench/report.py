@@ -132,8 +132,8 @@ def scan_table():
         if mode in ("walk", "known"):
             commands.append([*command, "bare"])
         scan, ps, *bare = sample(commands)
-        yield (f"| {title} | {tasks:,} | {statistics.median(scan) / tasks * 1e6:.1f} | "
-               f"{count_system_calls(command) / tasks:.1f} | "
+        calls = "" if mode == "shell" else f"{count_system_calls(command) / tasks:.1f}"
+        yield (f"| {title} | {tasks:,} | {statistics.median(scan) / tasks * 1e6:.1f} | {calls} | "
                f"{ratio(scan, bare[0]) if bare else ''} | {ratio(scan, ps)} |")
 
 

@@ -76,7 +76,7 @@ double processor_seconds() {
 
 // The C library's function, for this program and the libraries in it. Nothing here creates files.
 extern "C" int open(const char* path, int flags, ...) {
-    if (recording) opened_paths.push_back(path);
+    if (recording) opened_paths.emplace_back(path);
     if (strcmp(path, "/vendor/etc/tovrel.json") == 0) path = config_file;
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, 0));
 }
