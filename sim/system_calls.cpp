@@ -47,14 +47,14 @@ int unwritten_ids;  // queued for the worker thread, as far as the log tells
 
 // Gives the worker thread of the I/O-wait list time.
 void await_worker(const std::function<bool()>& is_done) {
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 2000; ++i) {
         {
             const std::lock_guard lock(play_mutex);
             if (is_done()) return;
         }
         poll(nullptr, 0, 1);
     }
-    fail("the worker thread has not written an id within 3 s");
+    fail("the worker thread has not written an id within 2 s");
 }
 
 // Whether a call is to fail now; errno is set then.
