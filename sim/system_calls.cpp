@@ -270,7 +270,6 @@ unsigned alarm(unsigned seconds) noexcept {
     record("calls", device->calls);
     record("alarm", seconds);
     device->take_due_steps();
-    if (device->on_turn) device->on_turn();
     return 0;
 }
 
