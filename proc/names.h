@@ -2,8 +2,6 @@
 
 #include <string>
 
-// What the kernel's texts and paths make of a name.
-
 // Erases everything from the first blank, tab, carriage return, line feed or NUL on.
 void cut_at_separator(std::string* text);
 

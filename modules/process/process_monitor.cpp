@@ -78,7 +78,7 @@ bool ProcessMonitor::refresh(const std::string& name, process_info* process) {
         return false;
     }
     if (process->main_only) {
-        sample_main_thread(process, thread_dir(process->pid, process->pid));
+        sample_main_thread(process, process->pid, thread_dir(process->pid, process->pid));
         return true;
     }
     return refresh_threads(process);
@@ -120,15 +120,16 @@ bool ProcessMonitor::check_process(std::string name, int pid, std::string path) 
     process->started = pid != -1;
     if (!process->main_only) return true;
 
-    sample_main_thread(process, path);
+    sample_main_thread(process, pid, path);
     process->ppid = process->first_thread().ppid;
     return false;
 }
 
-void ProcessMonitor::sample_main_thread(process_info* process, const std::string& task_dir) const {
+void ProcessMonitor::sample_main_thread(process_info* process, int tid,
+                                        const std::string& task_dir) const {
     proc& thread = process->first_thread();
     thread.alive = true;
-    thread.tgid = process->pid;
+    thread.tgid = tid;
     read_stat(&thread, task_dir, interval);
 }
 
@@ -163,7 +164,7 @@ void ProcessMonitor::check_thread(std::string name, int pid, std::string comm, i
 
     if (process->main_only) {
         // A second sample of this scan: another detector asked for the threads.
-        if (tid == pid) sample_main_thread(process, path);
+        if (tid == pid) sample_main_thread(process, tid, path);
         return;
     }
 

@@ -61,7 +61,7 @@ class ProcessMonitor : public Module {
     process_info* proc_lookup(const std::string& name);
 
     // Binding, by the walk and between walks.
-    void sample_main_thread(process_info* process, const std::string& task_dir) const;
+    void sample_main_thread(process_info* process, int tid, const std::string& task_dir) const;
     bool sample_zombie(process_info* process, const std::string& process_dir) const;
     void check_unnamed_process(int pid, const std::string& path);
     bool refresh(const std::string& name, process_info* process);
