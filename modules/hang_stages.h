@@ -11,6 +11,6 @@
 //     for its blocked tasks and the backtraces of all processors. Then marks the task `reported`.
 //   - While it is marked so, false: hands `report` to the policy.
 // Both are aimed at the process that owns the task; for a zombie, at the parent that has not reaped
-// it. Dumps get 3 s each to be written, which holds up the scan on purpose. A signal to a process
-// that is gone is harmless.
+// it. Managed stacks get 3 s to be written, and so do the kernel's dumps: that holds up the scan on
+// purpose. A signal to a process that is gone is harmless.
 bool respond(proc* task, bool zygote_child, std::string report);
