@@ -62,10 +62,7 @@ bool is_plain_file(int fd) {
 void begin_line(int fd) {
     char last = '\n';
     const off_t size = lseek(fd, 0, SEEK_END);
-    if (size > 0 && pread(fd, &last, 1, size - 1) == 1 && last != '\n') {
-        while (write(fd, "\n", 1) == -1 && errno == EINTR) {
-        }
-    }
+    if (size > 0 && pread(fd, &last, 1, size - 1) == 1 && last != '\n') dprintf(fd, "\n");
 }
 
 int sandbox_open(const char* path, int flags) {
@@ -73,10 +70,8 @@ int sandbox_open(const char* path, int flags) {
     if (sandbox == nullptr || *sandbox == '\0' || strstr(path, "..") != nullptr) return refuse(-1);
 
     char redirected[PATH_MAX];
-    if (snprintf(redirected, sizeof(redirected), "%s%s", sandbox, path) >= PATH_MAX) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
+    const int length = snprintf(redirected, sizeof(redirected), "%s%s", sandbox, path);
+    if (length >= PATH_MAX) return refuse(-1);
     const bool for_writing = (flags & O_ACCMODE) != O_RDONLY;
     flags &= ~(O_CREAT | O_EXCL | O_TRUNC);
     if (for_writing) flags = (flags & ~O_ACCMODE) | O_RDWR | O_APPEND;

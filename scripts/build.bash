@@ -1,6 +1,7 @@
+# shellcheck shell=bash
 # Sourced by the commands of this directory: what they do alike. Answers --help for all of them.
 
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+root=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")
 command=$(realpath "$0")
 
 # Prints the comment at the head of the command.
@@ -13,6 +14,19 @@ usage() {
 refuse() {
     echo "${command##*/}: $*" >&2
     exit 2
+}
+
+# Refuses a clone in which nothing can be built.
+check_clone() {
+    # The loader's LD_PRELOAD, the linker's options and CMake part words at these.
+    local separators='[][:space:]:;,|"\[]'
+    [[ ! $root =~ $separators ]] ||
+        refuse "no build in a path with '${BASH_REMATCH[0]}': move this clone"
+    [[ -w $root ]] || refuse "you may not write to $root: work in a clone of your own"
+    local foreign
+    foreign=$(find "$root/build" ! -type l ! -writable -print -quit 2>/dev/null || true)
+    [[ -z $foreign ]] || refuse "you may not write to $foreign, which $(stat -c %U "$foreign")" \
+        "has built: remove $root/build, or work in a clone of your own"
 }
 
 # build PRESET [TARGET...]
@@ -32,6 +46,4 @@ if [[ ${1-} == -h || ${1-} == --help ]]; then
     usage
     exit
 fi
-if [[ $root == *[[:blank:]:]* ]]; then
-    refuse "the path of this clone has a blank or a colon, which LD_PRELOAD cannot take: move it"
-fi
+check_clone

@@ -7,7 +7,6 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import time
 
 HOST = pathlib.Path(__file__).resolve().parent.parent / "host"
 CONFIG = "vendor/etc/tovrel.json"
@@ -18,9 +17,7 @@ PER_TASK, *EXTENSION = (f"proc/sys/hung_task_enh/{name}" for name in (
 
 # What the sandbox must catch, in all but the languages' own libraries and the host's properties.
 CAUGHT = re.compile(r"_*(f|fre)?open(at)?(64)?(_2)?|creat(64)?|kill|_ZN\w*(filebuf|fstream)\w*")
-NOT_CHECKED = re.compile(r"(lib(c|m|stdc\+\+|gcc_s|cutils|\w+san|sandbox)|ld-linux.*)\.so.*")
-BINDING = re.compile(r"binding file (\S+) \[0\] to (\S+) \[0\]: normal symbol `(\w+)'")
-
+NOT_CHECKED = re.compile(r"lib(c|m|stdc\+\+|gcc_s|cutils|\w+san)\.so.*")
 
 @contextlib.contextmanager
 def directory(config, keep):
@@ -44,35 +41,40 @@ def command(build, root, properties="", send_signals=True):
     that would reach a file or a process past the sandbox.
     """
     daemon, library = (pathlib.Path(build).resolve() / name for name in ("tovrel", "libsandbox.so"))
-    if past := bindings_past(daemon, library):
+    if past := imports_past(daemon, library):
         sys.exit(f"The daemon is not started, it would get past {library}: {past}")
-    return ["setpriv", "--pdeathsig", "KILL", "env", f"PATH={HOST / 'bin'}:{os.environ['PATH']}",
-            f"LD_PRELOAD={library}", f"TOVREL_SANDBOX={root}",
+    return ["env", f"PATH={HOST / 'bin'}:{os.environ['PATH']}", f"LD_PRELOAD={library}",
+            f"TOVREL_SANDBOX={root}",
             f"TOVREL_PROPERTIES={properties and pathlib.Path(properties).resolve()}",
-            *([] if send_signals else ["TOVREL_NO_SIGNALS=1"]), str(daemon)]
+            *([] if send_signals else ["TOVREL_NO_SIGNALS=1"]),
+            "setpriv", "--pdeathsig", "KILL", str(daemon)]
 
 
-def bindings_past(daemon, library):
-    """Which functions the loader would take from elsewhere than the preloaded library."""
-    if b"/ld-linux" not in daemon.read_bytes()[:4096]:
+def imports_past(daemon, library):
+    """Which functions the daemon and its libraries would take from elsewhere than the sandbox."""
+    listing = subprocess.run(["ldd", daemon], capture_output=True, text=True).stdout
+    libraries = [pathlib.Path(path) for path in re.findall(r" => (\S+) \(", listing)]
+    if not libraries:
         return "it is not linked dynamically"
-    # Like `ldd -r`: all is loaded and bound, and nothing runs.
-    tracing = {"LD_PRELOAD": str(library), "LD_TRACE_LOADED_OBJECTS": "1", "LD_WARN": "1",
-               "LD_BIND_NOW": "1", "LD_DEBUG": "bindings"}
-    trace = subprocess.run([daemon], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                           env={**os.environ, **tracing}).stdout
-    bindings = BINDING.findall(trace)
-    if not bindings:
-        return "its symbols cannot be checked"
-    return ", ".join(f"{symbol} of {pathlib.Path(user).name}" for user, provider, symbol in bindings
-                     if CAUGHT.fullmatch(symbol) and provider != str(library)
-                     and not NOT_CHECKED.fullmatch(pathlib.Path(user).name))
+    caught = symbols("--defined-only", library) if library.exists() else ()
+    return ", ".join(f"{symbol} of {user.name}" for user in (daemon, *libraries)
+                     if not NOT_CHECKED.fullmatch(user.name)
+                     for symbol in symbols("--undefined-only", user)
+                     if CAUGHT.fullmatch(symbol) and symbol not in caught)
+
+
+def symbols(kind, file):
+    """The names of a file's dynamic symbols, without their versions."""
+    listing = subprocess.check_output(["nm", "--dynamic", "--just-symbols", kind, file], text=True)
+    return [line.partition("@")[0] for line in listing.splitlines()]
 
 
 @contextlib.contextmanager
 def run(daemon_command, log):
     """The running daemon, and its log opened for reading."""
-    with open(log, "wb") as output, open(log, "rb") as lines:
+    open(log, "wb").close()
+    # Others may add to the log.
+    with open(log, "ab") as output, open(log, "rb") as lines:
         daemon = subprocess.Popen(daemon_command, stdin=subprocess.DEVNULL, stdout=output,
                                   stderr=output)
         try:
@@ -80,15 +82,3 @@ def run(daemon_command, log):
         finally:
             daemon.kill()
             daemon.wait()
-
-
-def follow(daemon, *files):
-    """File and line of what is added to the files while the daemon runs; empty when nothing is."""
-    while True:
-        has_ended = daemon.poll() is not None
-        for file in files:
-            yield from ((file, line) for line in file)
-        if has_ended:
-            return
-        yield None, b""
-        time.sleep(0.1)
