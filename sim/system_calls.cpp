@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <string.h>
@@ -57,10 +58,19 @@ void await_worker(const std::function<bool()>& is_done) {
     fail("the worker thread has not written an id within 2 s");
 }
 
+// The only other thread of the daemon; its calls come in between.
+bool is_worker_thread() {
+    if (gettid() == getpid()) return false;
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    REQUIRE(strcmp(name, "workThread") == 0);
+    return true;
+}
+
 // Whether a call is to fail now; errno is set then.
 bool fails(const std::string& call) {
-    const bool is_worker = gettid() != getpid();  // whose calls come in between
-    errno = !is_worker && ++device->calls == device->failing_call ? device->failing_errno : 0;
+    const bool is_counted = !is_worker_thread();
+    errno = is_counted && ++device->calls == device->failing_call ? device->failing_errno : 0;
     const auto failure = device->failures.find(call);
     if (failure != device->failures.end()) {
         errno = abs(failure->second);
