@@ -1,59 +1,123 @@
-"""The documents say what the code does: keys, properties, log lines, reports, links, commands."""
-import json, pathlib, re, subprocess
+"""The documents say what the code does, and print what can be typed.
+
+usage: docs_test.py REHEARSE    the program rehearse, which plays their examples
+"""
+import json
+import pathlib
+import re
+import subprocess
+import sys
+import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-PAGES = {path: path.read_text() for path in (ROOT / "README.md", *ROOT.glob("docs/*.md"))}
+PAGES = {path: path.read_text() for path in
+         (ROOT / "README.md", ROOT / "sim/README.md", ROOT / "tests/README.md",
+          *ROOT.glob("docs/*.md"))}
 SETTINGS, HANGS = (PAGES[ROOT / "docs" / name] for name in ("configuration.md", "hangs.md"))
-KEYS, REST = SETTINGS.split("## Wrong values")
+KEYS, AFTER_KEYS = SETTINGS.split("## Wrong values")
 CODE = "".join(path.read_text() for layer in ("core", "proc", "modules")
-               for path in ROOT.glob(f"{layer}/**/*.cpp"))
+               for path in sorted(ROOT.glob(f"{layer}/**/*.cpp")))
+STORIES = "".join(path.read_text() for path in ROOT.glob("tests/stories/*.txt"))
 
-def same(what, told, real):
-    assert set(told) == set(real), (what, "only told:", told - real, "only real:", real - told)
 
 def keys_of(schema):
+    """All names of properties in a JSON schema."""
     own = schema.get("properties", {})
     inner = [*own.values(), *schema.get("definitions", {}).values(), schema.get("items", {})]
     return set(own).union(*map(keys_of, inner)) if schema else set()
 
-read = set(re.findall(r'(?:section|root|item|read|get_array)[\[(](?:\w+, )?"(\w+)"', CODE))
-same("schema", keys_of(json.loads((ROOT / "etc/tovrel.schema.json").read_text())),
-     read | {"$schema"})
-same("keys", set(re.findall(r'^(?:### |\| (?:"list"\[\]\.)?)"(\w+)"', KEYS, re.M)),
-     read - {"Config", "name", "value"})  # the last two stand in the row of "uid_map"
 
-name = r"(?:persist\.vendor\.hg|ro\.board)\.\w+"
-same("properties", set(re.findall(rf"^\| `({name})`", REST, re.M)),
-     set(re.findall(rf'"({name})"', CODE)))
+def keys_read():
+    return set(re.findall(
+        r'(?:section|root|item|read|get_array)[\[(](?:\w+, )?"(\w+)"', CODE))
 
-# "..." is a value in the documents. A line of nothing else is a report or the error of a section.
-calls = re.findall(r'LOG_[A-Z]+\(\s*(?:\w+ \? )?"(.+?)"(?: : "(.+?)")?[,)]', CODE)
-lines = {re.sub("%(?:ll|z)?[a-z]", "...", text).strip() for pair in calls for text in pair}
-lines |= set(re.findall(r'"(parse [\w ]* failed)"', CODE))
-told = {re.sub(r"\s+", " ", text) for text in re.findall("`([^`]+)`", REST)}
-same("log lines", {text for text in told if "..." in text or text in lines or "fail" in text}
-     - {"...", "process[:thread...]"}, lines - {"", "..."})
 
-def form(report):
+def lines_logged():
+    """The texts of the log, values as "..."; a line of nothing but a value is a report."""
+    calls = re.findall(r'LOG_[A-Z]+\(\s*(?:\w+ \? )?"(.+?)"(?: : "(.+?)")?[,)]', CODE)
+    texts = {re.sub("%(?:ll|z)?[a-z]", "...", text).strip() for pair in calls for text in pair}
+    return (texts | set(re.findall(r'"(parse [\w ]* failed)"', CODE))) - {"", "..."}
+
+
+def form_of(report):
+    """A report without its names and numbers."""
     report = re.sub(r"wchan: .*?(?=\d+s$)|^\S+(?= in pid)", "NAME", report)
     return re.sub(r"\d+", "N", re.sub(" in [DTZ] ", " in X ", report))
 
-stories = "".join(path.read_text() for path in ROOT.glob("tests/stories/*.txt"))
-same("reports", set(map(form, re.findall(r"^\|[^`\n]*\| `([^`]+)` \|", HANGS, re.M))),
-     set(map(form, re.findall(r"kmsg ((?:\S+ in )?(?:tid|pid):.*?\d+s)\b", stories))))
 
-for page, text in PAGES.items():
-    for target, anchor in re.findall(r"\]\(([^)#]*)#?([^)]*)\)", text):
-        other = page.parent / target if target else page
-        titles = re.findall("^#+ (.*)", other.read_text(), re.M) if anchor else []
-        anchors = [re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles]
-        assert other.exists() and (not anchor or anchor in anchors), (page, target, anchor)
-    for name in re.findall(r"`((?:core|proc|modules|host|tests|bench|etc|docs|scripts|tools|sim)/[\w./-]*)", text):
-        assert (ROOT / name).exists(), (page, name)
-    for block in re.findall(r"```sh\n(.*?)```", text, re.S):
-        subprocess.run(["bash", "-n"], input=block, text=True, check=True)
-    for command in set(re.findall(r"(?:^|`)((?:scripts|tools)/[a-z0-9-]+[^`\n]*)", text, re.M)):
-        program, *words = command.split()
-        usage = subprocess.check_output([ROOT / program, "--help"], text=True)
-        options = re.findall(r"--[\w-]+", usage)
-        assert all(word in options for word in words if word.startswith("--")), (page, command)
+def anchors_of(page):
+    titles = re.findall("^#+ (.*)", page.read_text(), re.MULTILINE)
+    return [re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles]
+
+
+class Documents(unittest.TestCase):
+    maxDiff = None
+
+    def test_keys(self):
+        """Those that the code reads stand in the schema and on the page, and no others."""
+        schema = json.loads((ROOT / "etc/tovrel.schema.json").read_text())
+        self.assertEqual(keys_of(schema), keys_read() | {"$schema"})
+        told = re.findall(r'^(?:### |\| (?:"list"\[\]\.)?)"(\w+)"', KEYS, re.MULTILINE)
+        # The last two stand in the row of "uid_map".
+        self.assertEqual(set(told), keys_read() - {"Config", "name", "value"})
+
+    def test_properties(self):
+        name = r"(?:persist\.vendor\.hg|ro\.board)\.\w+"
+        self.assertEqual(set(re.findall(rf"^\| `({name})`", AFTER_KEYS, re.MULTILINE)),
+                         set(re.findall(rf'"({name})"', CODE)))
+
+    def test_log_lines(self):
+        quoted = {re.sub(r"\s+", " ", text) for text in re.findall("`([^`]+)`", AFTER_KEYS)}
+        told = {text for text in quoted
+                if "..." in text or text in lines_logged() or "fail" in text}
+        self.assertEqual(told - {"...", "process[:thread...]"}, lines_logged())
+
+    def test_reports(self):
+        told = re.findall(r"^\|[^`\n]*\| `([^`]+)` \|", HANGS, re.MULTILINE)
+        played = re.findall(r"kmsg ((?:\S+ in )?(?:tid|pid):.*?\d+s)\b", STORIES)
+        self.assertEqual(set(map(form_of, told)), set(map(form_of, played)))
+
+    def test_links(self):
+        for page, text in PAGES.items():
+            for target, anchor in re.findall(r"\]\(([^)#]*)#?([^)]*)\)", text):
+                with self.subTest(page=page.name, target=target, anchor=anchor):
+                    other = page.parent / target if target else page
+                    self.assertTrue(other.exists())
+                    self.assertTrue(not anchor or anchor in anchors_of(other))
+
+    def test_paths(self):
+        directories = "core|proc|modules|host|sim|tests|bench|etc|docs|scripts|tools|sepolicy"
+        for page, text in PAGES.items():
+            for name in re.findall(rf"`((?:{directories})/[\w./-]*)", text):
+                with self.subTest(page=page.name, path=name):
+                    self.assertTrue((ROOT / name).exists())
+
+    def test_commands(self):
+        """They are there and know their options."""
+        for page, text in PAGES.items():
+            for block in re.findall(r"```sh\n(.*?)```", text, re.DOTALL):
+                subprocess.run(["bash", "-n"], input=block, text=True, check=True)
+            commands = re.findall(r"(?:^|`)((?:scripts|tools)/[a-z0-9-]+[^`\n]*)", text, re.MULTILINE)
+            for command in set(commands):
+                with self.subTest(page=page.name, command=command):
+                    program, *words = command.split()
+                    usage = subprocess.check_output([ROOT / program, "--help"], text=True)
+                    for option in filter(lambda word: word.startswith("--"), words):
+                        self.assertIn(option, re.findall(r"--[\w-]+", usage))
+
+    def test_examples(self):
+        """What is told of a play happens in it."""
+        for page, text in PAGES.items():
+            examples = re.findall(r"```sh\n(build/release/rehearse [^`]*)```\n+```\n([^`]*)```", text)
+            for command, told in examples:
+                with self.subTest(page=page.name, command=command):
+                    played = subprocess.run(
+                        ["bash", "-c", command.replace("build/release/rehearse", REHEARSE)],
+                        cwd=ROOT, capture_output=True, text=True)
+                    events = re.sub("  +-- .*", "", told)  # without remarks
+                    self.assertEqual(played.stdout + played.stderr, events)
+
+
+if __name__ == "__main__":
+    REHEARSE = sys.argv.pop()
+    unittest.main()
