@@ -126,7 +126,7 @@ class Boot:
             hang.learn(condition=standing.condition, tid=standing.tid, thread=standing.thread,
                        since=self._standing_time.minus(standing.count / 1000)
                        if told.kind is Kind.DUMPED else None)
-            if standing.condition == "wchan":
+            if hang.condition == "wchan":
                 hang.timeout = int(told.wchan.removeprefix(standing.wchan) or 0)
                 hang.wchan = standing.wchan
         return hang

@@ -57,12 +57,9 @@ class Family:
             return is_within(hang.since or hang.time, crash, float("inf")) \
                 and is_within(crash, hang.last, float("inf")) \
                 or is_within(hang.last, crash, CRASH_AFTER_REPORT)
-        for first, last in self._dates.values():
-            if first.clock == prefixes.DAY and crash.clock == prefixes.DATE:
-                crash = crash.without_year()
-            if first.clock == crash.clock and \
-                    not first.seconds - DAY <= crash.seconds <= last.seconds + DAY:
-                return False
+        first, last = self._dates.get(crash.clock, (crash, crash))
+        if not first.seconds - DAY <= crash.seconds <= last.seconds + DAY:
+            return False
         return None
 
 

@@ -8,19 +8,19 @@ from . import prefixes
 UNKNOWN_ID = 2 ** 32 - 1  # how the daemon prints an id that it does not have
 
 # Literals of which every telling line has one: the fast way past the others.
-LITERALS = (b"ppid:", b" pid:", b"task:", b"tid=", b"state=", b"dumped", b"killing ", b"nothing to do",
+LITERALS = (b"ppid:", b"tid:", b"task:", b"tid=", b"state=", b"dumped", b"killing ", b"nothing to do",
             b"pid changed to ", b"pid=", b"Self stuck", b" 0x", b"Trigger a", b"sysrq triggered",
             b"tovrel'", b"=tovrel", b">>> ", b"Timestamp: ", b"== dumpstate", b"Linux version", b"Booting Linux",
             b"------ ", b" Part", b" ]")
-MAY_TELL = re.compile(rb"ppid:|tid: *\d+ +pid:|task:|tid=|state=|dumped|killing |nothing to do|"
-                      rb"pid changed to |bw .*proc .*pid=|Self stuck|\d 0x|Trigger a|"
+MAY_TELL = re.compile(rb"\d ppid:|tid: *\d+ +pid:|task:|tid=|state=|dumped|killing |nothing to do|"
+                      rb"pid changed to |bw .*proc .*pid=|Self stuck|0x[0-9a-f]{8}\b|Trigger a|"
                       rb"sysrq triggered|tovrel'|=tovrel|>>> |Timestamp: |== dumpstate|Linux version|"
-                      rb"Booting Linux|------ |#\d+ Part| \]\s*$")
+                      rb"Booting Linux|------ |#\d+ Part|\]\s*$")
 
 
 class Kind(enum.Enum):
-    STANDS, DUMPED, REPORTED, ACTED, PROCESS, TASK, FRAME, INSIDE, DATE, CRASH, BOOT, \
-        UNREADABLE = range(12)
+    STANDS, DUMPED, REPORTED, ACTED, PROCESS, TASK, FRAME, INSIDE, NOW, DATE, CRASH, \
+        BOOT, UNREADABLE = range(13)
 
 
 class Told(typing.NamedTuple):
@@ -75,7 +75,8 @@ ACTS = [(re.compile("Trigger a crash|sysrq triggered crash"), "crash"),
         (re.compile(r"Restarting system with command 'tovrel'|sys\.powerctl='?reboot,tovrel|"
                     r"^reboot not done: .*reason=tovrel"), "reboot")]
 CRASH = [(Kind[kind], re.compile(form)) for kind, form in (
-    ("DATE", rf"(?:Timestamp:|== dumpstate:) (?P<text>{prefixes.NUMERIC_DATE})"),
+    ("NOW", rf"== dumpstate: (?P<text>{prefixes.NUMERIC_DATE})"),
+    ("DATE", rf"Timestamp: (?P<text>{prefixes.NUMERIC_DATE})"),
     ("CRASH", rf"pid: (?P<pid>{ID}), tid: (?P<tid>{ID}), name: (?P<thread>\S.*?)\s+"
               r">>> (?:\S*/)?(?P<process>\S.*?) <<<"))]
 

@@ -64,7 +64,9 @@ def fits(standing, told):
     """Whether the task told to stand still is the one of this dump or report."""
     if told.condition == "self stuck":
         return False
-    if told.condition == "wchan" and told.kind is Kind.REPORTED:
+    if told.condition == "wchan":
+        if told.kind is Kind.DUMPED:
+            return told.wchan == standing.wchan
         rest = told.wchan.removeprefix(standing.wchan)
         return rest != told.wchan and bool(re.fullmatch(TIMEOUT, rest))
     return all(a == b for a, b in ((standing.condition, told.condition), (standing.tid, told.tid),

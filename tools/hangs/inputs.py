@@ -115,7 +115,7 @@ def zip_members(stream, name):
             file.write(data)
         with zipfile.ZipFile(file) as archive:
             for info in archive.infolist():
-                if not info.is_dir():
+                if not info.filename.endswith("/"):
                     yield Member(archive, info), f"{name}:{info.filename}", name
 
 
@@ -146,7 +146,7 @@ def blocks(stream, name, report):
         while data := stream.read(CHUNK):
             if decode is None:
                 data, decode = decoder_of(data)
-            rest += decode(data).replace(b"\0", b"")
+            rest += decode(data).translate(None, b"\0")
             cut = cut_of(rest)
             yield rest[:cut]
             rest = rest[cut:]

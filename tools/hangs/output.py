@@ -26,12 +26,18 @@ def printable(text):
 
 def table_of(hangs):
     """Lines of a table, with the stack below each hang."""
-    rows = [TITLES, *map(row_of, hangs)]
-    widths = [max(map(len, column)) for column in zip(*rows)]
-    for row, hang in zip(rows, [None, *hangs]):
-        yield "  ".join(text.ljust(size) for text, size in zip(row, widths)).rstrip()
-        for frame in hang.stack if hang else []:
+    widths = [len(title) for title in TITLES]
+    for hang in hangs:
+        widths = [max(size, len(text)) for size, text in zip(widths, row_of(hang))]
+    yield line_of(TITLES, widths)
+    for hang in hangs:
+        yield line_of(row_of(hang), widths)
+        for frame in hang.stack:
             yield ("  ? " if "stack" in hang.likely else "    ") + printable(frame)
+
+
+def line_of(row, widths):
+    return "  ".join(text.ljust(size) for text, size in zip(row, widths)).rstrip()
 
 
 def row_of(hang):
@@ -98,13 +104,15 @@ def draw_boot(axes, hangs):
     for height, (hang, start) in enumerate(zip(hangs, starts)):
         bar = [time.seconds - first.seconds for time in (start, hang.last)]
         axes.hlines(height, *bar, colors="0.8", linewidth=6)
-    for mark, name, times_of in (("bo", "dumped", lambda hang: [hang.dumped]),
-                                 ("rX", "reported", lambda hang: hang.reported)):
+    for mark, times_of in (("bo", lambda hang: [hang.dumped]), ("rX", lambda hang: hang.reported)):
         points = [(time.seconds - first.seconds, height) for height, hang in enumerate(hangs)
                   for time in times_of(hang) if time and time.clock == first.clock]
         if points:
-            axes.plot(*zip(*points), mark, label=name)
+            axes.plot(*zip(*points), mark)
     names = [printable(f"{task_of(hang) or hang.pid} {condition_of(hang)}") for hang in hangs]
     axes.set_yticks(range(len(hangs)), names)
     axes.set_ylim(len(hangs) - 0.4, -0.6)
-    axes.set_xlabel(printable(f"seconds from {first} on, {hangs[0].boot.source}"))
+    axes.tick_params(left=False)
+    axes.spines[["left", "top", "right"]].set_visible(False)
+    axes.set_xlabel(f"seconds from {first} on: bar stands still, \u25cf dumped, \u2716 reported")
+    axes.set_title(printable(hangs[0].source), loc="left", fontsize="small")

@@ -143,6 +143,10 @@ def kernel_pieces(line):
     yield Piece(line[start:].strip(), time, writer, caller)
 
 
+def date_of(text):
+    return time_of(re.search(NUMERIC_DATE, text))
+
+
 def time_of(match):
     parts = {key.removeprefix("iso_"): text for key, text in match.groupdict().items() if text}
     if number := parts.get("seconds") or parts.get("uptime"):

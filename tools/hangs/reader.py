@@ -58,7 +58,9 @@ class Reader:
             elif told.kind is Kind.BOOT:
                 self._start_next()
             elif told.kind is Kind.DATE:
-                self._crash_time = prefixes.time_of(re.search(prefixes.NUMERIC_DATE, told.text))
+                self._crash_time = prefixes.date_of(told.text)
+            elif told.kind is Kind.NOW:
+                self._family.add_date(prefixes.date_of(told.text))
             elif told.kind is Kind.CRASH:
                 self._family.add_crash(piece.time, self._crash_time, told)
 
@@ -93,7 +95,7 @@ class Reader:
         self._heading = None
 
 
-FOR_TEXT = {Kind.UNREADABLE, Kind.BOOT, Kind.DATE, Kind.CRASH}
+FOR_TEXT = {Kind.UNREADABLE, Kind.BOOT, Kind.DATE, Kind.NOW, Kind.CRASH}
 
 
 def may_tell(block):
