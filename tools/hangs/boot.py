@@ -3,7 +3,7 @@ import dataclasses
 
 from . import prefixes
 from .contents import Kind
-from .hang import ECHO, Hang, fits, is_within, may_be_same, passed
+from .hang import ECHO, LATER, Hang, fits, is_within, may_be_same, timeout_behind
 
 DUMP_AFTER_REPORT = 10  # s; the policy "panic" asks for stacks once more
 ACT_AFTER_REPORT = 60  # s; the stacks of many tasks on a slow console
@@ -110,17 +110,15 @@ class Boot:
         """Whether the task can have stood still until then. It is reported each half time-out; it
         moved if that took a whole one, unless the dumps are told, of which there was none.
         """
-        most = timeout or hang.timeout
-        if hang.dumped:
-            most *= 10
-        seconds = passed(hang.last, time)
-        return seconds is not None and (not most or -ECHO <= seconds < most)
+        most = timeout or hang.timeout or timeout_behind(hang.wchan) or float("inf")
+        return is_within(hang.last, time, 10 * most if hang.dumped else most - 1)
 
     def _hang_of(self, told):
         """A new hang, with what the daemon has told in the line before."""
-        hang = Hang(self, self.source, told.condition, told.wchan, told.tid, told.pid, told.ppid, told.thread,
-                    told.process, timeout=told.timeout,
-                    text=told.text if told.pid and told.kind is Kind.REPORTED else "")
+        hang = Hang(self, self.source, told.condition, told.wchan, told.tid, told.pid, told.ppid,
+                    told.thread, told.process, timeout=told.timeout)
+        if told.kind is Kind.REPORTED and told.pid:
+            hang.text = told.text
         standing, self._standing = self._standing, None
         if standing and fits(standing, told):
             hang.learn(condition=standing.condition, tid=standing.tid, thread=standing.thread,
@@ -164,7 +162,7 @@ class Boot:
         since = hang.since or time
         # A dump of all blocked tasks comes at half the time-out of any of them.
         if stack and not hang.stack and hang.condition in ("D", "T") \
-                and is_within(since, stack.time, float("inf")) and is_within(stack.time, time, 1e9):
+                and is_within(since, stack.time, LATER) and is_within(stack.time, time, LATER):
             self._give(hang, stack)
 
     def _give(self, hang, stack):

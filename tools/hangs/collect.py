@@ -3,7 +3,7 @@ import collections
 import hashlib
 
 from . import prefixes
-from .hang import is_within, split_wchan
+from .hang import LATER, is_within, split_wchan
 from .reader import Reader
 
 CRASH_AFTER_REPORT = 600  # s; a blocked process leaves its dump when it can run again
@@ -54,9 +54,8 @@ class Family:
         if hang.time.clock == prefixes.DAY and crash.clock == prefixes.DATE:
             crash = crash.without_year()
         if crash.is_known() and hang.time.clock == crash.clock:
-            return is_within(hang.since or hang.time, crash, float("inf")) \
-                and is_within(crash, hang.last, float("inf")) \
-                or is_within(hang.last, crash, CRASH_AFTER_REPORT)
+            return is_within(hang.since or hang.time, crash, LATER) \
+                and is_within(crash.minus(CRASH_AFTER_REPORT), hang.last, LATER)
         first, last = self._dates.get(crash.clock, (crash, crash))
         if not first.seconds - DAY <= crash.seconds <= last.seconds + DAY:
             return False

@@ -7,15 +7,12 @@ from . import prefixes
 
 UNKNOWN_ID = 2 ** 32 - 1  # how the daemon prints an id that it does not have
 
-# Literals of which every telling line has one: the fast way past the others.
-LITERALS = (b"ppid:", b"tid:", b"task:", b"tid=", b"state=", b"dumped", b"killing ", b"nothing to do",
-            b"pid changed to ", b"pid=", b"Self stuck", b" 0x", b"Trigger a", b"sysrq triggered",
-            b"tovrel'", b"=tovrel", b">>> ", b"Timestamp: ", b"== dumpstate", b"Linux version", b"Booting Linux",
-            b"------ ", b" Part", b" ]")
-MAY_TELL = re.compile(rb"\d ppid:|tid: *\d+ +pid:|task:|tid=|state=|dumped|killing |nothing to do|"
-                      rb"pid changed to |bw .*proc .*pid=|Self stuck|0x[0-9a-f]{8}\b|Trigger a|"
-                      rb"sysrq triggered|tovrel'|=tovrel|>>> |Timestamp: |== dumpstate|Linux version|"
-                      rb"Booting Linux|------ |#\d+ Part|\]\s*$")
+# Every telling line has one of these: the fast way past the others.
+MARKS = (b"ppid:", b"tid:", b"task:", b"tid=", b"state=", b"dumped", b"killing ", b"nothing to do",
+         b"pid changed to ", b"bw ", b"Self stuck", b" 0x", b"Trigger a", b"sysrq triggered",
+         b"tovrel'", b"=tovrel", b">>> ", b"Timestamp: ", b"== dumpstate", b"Linux version",
+         b"Booting Linux", b"------ ", b" Part", b" ]")
+MAY_TELL = re.compile(b"|".join(map(re.escape, MARKS)))
 
 
 class Kind(enum.Enum):
@@ -64,8 +61,8 @@ DAEMON = [(Kind[kind], re.compile(form)) for kind, form in (
     ("REPORTED", r"(?P<stuck>Self stuck)! (?P<text>restarting)"))]
 KERNEL = [(Kind[kind], re.compile(form)) for kind, form in (
     # SysRq "w" since 5.10, and before
-    ("TASK", rf"task:\s*(?P<thread>\S.*?)\s+state:\S.*? pid:\s*(?P<tid>{ID})\s"),
-    ("TASK", r"(?P<thread>\S.{0,14}?)\s+[DRSTtXZPI]\s+(?:[0-9a-f]{16}\s+|[0-9a-f]{8}\s+)?"
+    ("TASK", rf"task: {{0,9}}(?P<thread>\S.{{0,63}}?) {{1,20}}state:\S.*? pid: *(?P<tid>{ID}) "),
+    ("TASK", r"(?P<thread>\S.{0,14}?) {1,20}[DRSTtXZPI]\s+(?:[0-9a-f]{16}\s+|[0-9a-f]{8}\s+)?"
              rf"\d+\s+(?P<tid>{ID})\s+\d+\s+0x[0-9a-f]{{8}}"),
     ("FRAME", r"(?:\[<[0-9a-fx]+>\] )?\(?(?P<text>(?:\? )?[\w.$]+(?:\+0x[0-9a-f]+/0x[0-9a-f]+"
               r"(?: \[\w+\])?(?=\W|$)|(?= from \w)))"),
@@ -83,7 +80,7 @@ CRASH = [(Kind[kind], re.compile(form)) for kind, form in (
 # What is looked for from the begin of a piece, by its writer.
 FORMS = {prefixes.DAEMON: DAEMON, prefixes.KERNEL: KERNEL, prefixes.CRASH_DUMP: CRASH,
          prefixes.OTHER: [], prefixes.UNKNOWN: DAEMON + KERNEL + CRASH}
-CONDITIONS = {"D": "D", "T": "T", "Z": "Z", "?": "missing", "S": "unswitch"}
+CONDITIONS = {"D": "D", "T": "T", "Z": "Z", "?": "missing", "S": "unswitch"}  # by state
 
 
 def read(piece):
@@ -106,18 +103,13 @@ def read(piece):
 
 def told_by(kind, match):
     parts = {key: text for key, text in match.groupdict().items() if text}
-    state, wchan = parts.pop("state", ""), parts.get("wchan")
-    if "missing" in parts:
-        condition = "missing"
-    elif "stuck" in parts:
-        condition = "self stuck"
-    elif wchan is not None and state in ("", "S"):
+    state = parts.get("state", "").removeprefix("unswitch ")
+    condition = CONDITIONS.get(state, "")
+    if "wchan" in parts and state in ("", "S"):
         condition = "wchan"
-    else:
-        condition = CONDITIONS.get(state[:1] if not state.startswith("unswitch") else "S", "")
+    elif "missing" in parts or "stuck" in parts:
+        condition = "missing" if "missing" in parts else "self stuck"
     numbers = {key: int(parts[key]) for key in ("tid", "pid", "ppid", "timeout", "count")
                if key in parts and int(parts[key]) != UNKNOWN_ID}
     names = {key: parts[key] for key in ("thread", "process", "wchan") if key in parts}
-    is_report = kind is Kind.REPORTED and "pid" in parts
-    text = match[0] if is_report else parts.get("text", "")
-    return Told(kind, condition, text=text, **names, **numbers)
+    return Told(kind, condition, text=parts.get("text", match[0]), **names, **numbers)

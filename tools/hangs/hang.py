@@ -6,6 +6,7 @@ from . import prefixes
 from .contents import Kind
 
 ECHO = 1.5  # s between the daemon's line about a report and the kernel's
+LATER = float("inf")  # s; any
 TIMEOUT = r"[1-9]\d{0,8}"
 USUAL_TIMEOUTS = range(10, 3601)  # s; those that the daemon's configuration may have
 
@@ -48,16 +49,11 @@ class Hang:
                 setattr(self, name, value)
 
 
-def passed(earlier, later):
-    """Seconds between times of one clock; 0 where a log has no times, None if not comparable."""
-    if earlier is None or earlier.clock != later.clock:
-        return None
-    return later.seconds - earlier.seconds
-
-
 def is_within(earlier, later, most):
-    seconds = passed(earlier, later)
-    return seconds is not None and -ECHO <= seconds <= most
+    """Whether the one time comes before the other, by at most so many seconds. Where a log has no
+    times it does.
+    """
+    return earlier.clock == later.clock and -ECHO <= later.seconds - earlier.seconds <= most
 
 
 def fits(standing, told):
@@ -87,12 +83,18 @@ def may_be_same(hang, new):
     return True
 
 
+def timeout_behind(wchan, timeouts=()):
+    """The time-out behind a wait channel; nothing stands between them. If one of the time-outs,
+    which other reports have, is possible, it is that one.
+    """
+    digits = re.search(r"\d{0,9}$", wchan)[0]
+    ends = [int(digits[start:]) for start, digit in enumerate(digits) if digit != "0"]
+    likeliest = [end for end in ends if end in timeouts] \
+        + [end for end in ends if end in USUAL_TIMEOUTS] + ends
+    return next(iter(likeliest), 0)
+
+
 def split_wchan(hang, timeouts):
-    """Parts wait channel and time-out, which have nothing between them."""
-    digits = re.search(r"[1-9]?\d*$", hang.wchan)[0]
-    ends = [digits[i:] for i in range(len(digits)) if digits[i] != "0"]
-    known = [end for end in ends if int(end[-9:]) in timeouts and len(end) < 10]
-    usual = [end for end in ends if len(end) < 10 and int(end) in USUAL_TIMEOUTS]
-    if end := next(iter(known or usual or ends), ""):
-        hang.wchan, hang.timeout = hang.wchan[:-len(end)], int(end[-9:])
-        hang.since = hang.reported[0].minus(hang.timeout)
+    if timeout := timeout_behind(hang.wchan, timeouts):
+        hang.wchan, hang.timeout = hang.wchan.removesuffix(str(timeout)), timeout
+        hang.since = hang.reported[0].minus(timeout)

@@ -12,9 +12,11 @@ import tempfile
 import typing
 import zipfile
 import zlib
+from functools import partial
 
 DEEPEST = 4  # archives within archives
-CHUNK = 256 * 1024  # bytes read at once; a longer line is cut, but never within a report
+CHUNK = 256 * 1024  # bytes read at once
+LONGEST_LINE = 4096  # bytes; a longer one is cut, but never within a report
 LONGEST_REPORT = 1024
 # An input may unpack to this, or to so many times its size; what is more is not read.
 MOST_UNPACKED, MOST_RATIO = 2 << 30, 100
@@ -67,17 +69,18 @@ def texts(path, report):
     """The texts in a file, or in standard input for "-". Faults are told to report(name, fault)."""
     name = "(standard input)" if path == "-" else path
     try:
-        with open(0 if path == "-" else path, "rb", buffering=0) as file:
-            size = os.fstat(file.fileno()).st_size
-            family = os.path.dirname(path)
-            yield from unpack(file, name, family, Budget(size), 0, report)
-    except UNREADABLE as fault:
+        size = os.stat(0 if path == "-" else path).st_size
+    except OSError as fault:
         report(name, fault)
+    else:
+        opener = partial(open, 0 if path == "-" else path, "rb", buffering=0)
+        yield from unpack(opener, name, os.path.dirname(path), Budget(size), 0, report)
 
 
-def unpack(file, name, family, budget, depth, report):
+def unpack(opener, name, family, budget, depth, report):
     """The texts in a file that may be an archive, by its content."""
     try:
+        file = opener()
         head = file.read(tarfile.BLOCKSIZE)
         while 0 < len(head) < tarfile.BLOCKSIZE and (more := file.read(tarfile.BLOCKSIZE)):
             head += more
@@ -95,10 +98,10 @@ def unpack(file, name, family, budget, depth, report):
 
 
 def members_of(head, stream, name, family):
-    """File, name and family of each member; None if it is no archive."""
+    """What opens each member, its name and family; None if it is no archive."""
     for magic, unpacker in UNPACKERS.items():
         if head.startswith(magic):
-            return [(unpacker(stream), name, family)]
+            return [(partial(unpacker, stream), name, family)]
     if head.startswith((b"PK\3\4", b"PK\5\6")):
         return zip_members(stream, name)
     try:
@@ -116,19 +119,7 @@ def zip_members(stream, name):
         with zipfile.ZipFile(file) as archive:
             for info in archive.infolist():
                 if not info.filename.endswith("/"):
-                    yield Member(archive, info), f"{name}:{info.filename}", name
-
-
-class Member:
-    """A member of a zip, opened when it is read, so that a broken one does not hide the others."""
-
-    def __init__(self, archive, info):
-        self._open = lambda: archive.open(info)
-        self._file = None
-
-    def read(self, size):
-        self._file = self._file or self._open()
-        return self._file.read(size)
+                    yield partial(archive.open, info), f"{name}:{info.filename}", name
 
 
 def tar_members(stream, name):
@@ -136,7 +127,7 @@ def tar_members(stream, name):
         for info in archive:
             archive.members = []  # which would grow with the archive
             if info.isreg():
-                yield archive.extractfile(info), f"{name}:{info.name}", name
+                yield partial(archive.extractfile, info), f"{name}:{info.name}", name
 
 
 def blocks(stream, name, report):
@@ -167,7 +158,18 @@ def decoder_of(data):
 def cut_of(data):
     """Where a block ends: behind a line, or in a longer one where no report can be."""
     end = max(data.rfind(b"\n"), data.rfind(b"\r", 0, -1)) + 1
-    if end or len(data) < CHUNK:
-        return end
-    tail = len(data) - LONGEST_REPORT
-    return max((match.end() for match in re.finditer(rb"\ds", data[tail:])), default=0) + tail
+    return end if end or len(data) < CHUNK else cut_of_line(data)
+
+
+def cut_of_line(line):
+    """Behind the last report that may end in it; one that does not is in its end."""
+    tail = len(line) - LONGEST_REPORT
+    return max((match.end() for match in re.finditer(rb"\ds", line[tail:])), default=0) + tail
+
+
+def parts_of(line):
+    while len(line) > LONGEST_LINE:
+        cut = cut_of_line(line[:LONGEST_LINE])
+        yield line[:cut]
+        line = line[cut:]
+    yield line

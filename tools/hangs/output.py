@@ -6,6 +6,7 @@ from . import prefixes
 
 TITLES = ("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION", "FILE")
 MOST_DRAWN = 500  # hangs; a picture of more cannot be read
+LONGEST_NAME = 64
 ROW_HEIGHT, WIDTH = 0.35, 10  # inches
 
 
@@ -90,8 +91,8 @@ def plot(hangs, path):
         boots[id(hang.boot), hang.time.clock].append(hang)
     heights = [len(boot) + 2.5 for boot in boots.values()] or [1]
     figure, rows = pyplot.subplots(
-        len(heights), squeeze=False, layout="constrained", figsize=(WIDTH, ROW_HEIGHT * sum(heights)),
-        gridspec_kw={"height_ratios": heights})
+        len(heights), squeeze=False, layout="constrained",
+        figsize=(WIDTH, ROW_HEIGHT * sum(heights)), gridspec_kw={"height_ratios": heights})
     for axes, boot in zip(rows[:, 0], boots.values()):
         draw_boot(axes, boot)
     figure.savefig(path, format="svg", metadata={"Date": None})
@@ -110,6 +111,7 @@ def draw_boot(axes, hangs):
         if points:
             axes.plot(*zip(*points), mark)
     names = [printable(f"{task_of(hang) or hang.pid} {condition_of(hang)}") for hang in hangs]
+    names = [name if len(name) <= LONGEST_NAME else name[:LONGEST_NAME] + "..." for name in names]
     axes.set_yticks(range(len(hangs)), names)
     axes.set_ylim(len(hangs) - 0.4, -0.6)
     axes.tick_params(left=False)

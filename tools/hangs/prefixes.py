@@ -53,45 +53,49 @@ NUMERIC_DATE = (r"(?:(?P<year>\d{4})-)?(?P<month>\d\d)-(?P<day>\d\d)[ T]" + CLOC
 # "Nov 21 13:44:20", "Nov21 13:44", "Sat Nov 21 13:44:20.5 2026"
 NAMED_DATE = (rf"(?:[A-Z][a-z]{{2}} )?(?P<month>{'|'.join(MONTHS)}) {{0,2}}(?P<day>\d\d?) "
               + CLOCK_FACE + r"(?: (?P<year>\d{4}))?")
+# The same for a form that has another date.
+ISO_DATE = NUMERIC_DATE.replace("?P<", "?P<iso_")
 SECONDS = r"(?P<seconds>\d{1,10}\.\d{1,9})"
 STAMP = rf"(?:(?<!\d){NUMERIC_DATE}|(?<![\d.]){SECONDS})"
 # Before a line: quoting, and the file and number that grep adds.
 START = r"^\s*(?:> ?)*(?:[^\s:]*:)?(?:\d+:)?"
 LEVEL = r"[VDIWEFAS]"
-USER = r"(?:[^():]*:)?\s*"
+PID = r"(?P<pid>\d{1,10})"
+PADDING = " {0,30}"
+USER = r"(?:[^():]{,32}:)?\s*"
 
 # The Android log; the first form that fits counts.
 ANDROID = [re.compile(form) for form in (
     # threadtime, also with the user
-    rf"{STAMP}\s+(?:[\w.-]+\s+)?(?P<pid>\d{{1,10}})\s+\d+ {LEVEL} (?P<tag>.*?)\s*: ?(?P<text>.*)",
+    rf"{STAMP}\s+(?:[\w.-]+\s+)?{PID}\s+\d+ {LEVEL} (?P<tag>.*?){PADDING}: ?(?P<text>.*)",
     # time and brief
-    rf"(?:{STAMP} |{START}){LEVEL}/(?P<tag>.*?)\s*\({USER}(?P<pid>\d{{1,10}})\): ?(?P<text>.*)",
+    rf"(?:{STAMP} |{START}){LEVEL}/(?P<tag>.*?){PADDING}\({USER}{PID}\): ?(?P<text>.*)",
     # the log library on a host
-    rf"(?:^|\s)(?P<tag>\w+) {LEVEL} {STAMP}\s+(?P<pid>\d{{1,10}})\s+\d+ (?P<text>.*)",
+    rf"(?:^|\s)(?P<tag>\w+) {LEVEL} {STAMP}\s+{PID}\s+\d+ (?P<text>.*)",
     # development environments, the older ones and the newer
-    rf"{STAMP} +(?P<pid>\d{{1,10}})-\d+/\S+ {LEVEL}/(?P<tag>.*?)\s*: ?(?P<text>.*)",
-    rf"{STAMP} +(?P<pid>\d{{1,10}})-\d+ +(?P<tag>\S.*?) +\S+ +{LEVEL}  (?P<text>.*)",
+    rf"{STAMP} +{PID}-\d+/\S+ {LEVEL}/(?P<tag>.*?){PADDING}: ?(?P<text>.*)",
+    rf"{STAMP} +{PID}-\d+ +(?P<tag>\S.*?) {{1,30}}\S+ {{1,40}}{LEVEL}  (?P<text>.*)",
     # tag, process and thread
-    rf"{START}{LEVEL}/(?P<tag>[^:]*?)\s*: (?P<text>.*)",
-    rf"{START}{LEVEL}\({USER}(?P<pid>\d{{1,10}})\) (?P<text>.*?)\s*\((?P<tag>[^()]*)\)\s*$",
-    rf"{START}{LEVEL}\({USER}(?P<pid>\d{{1,10}}):\s*\w+\) (?P<text>.*)")]
+    rf"{START}{LEVEL}/(?P<tag>[^:]*?){PADDING}: (?P<text>.*)",
+    rf"{START}{LEVEL}\({USER}{PID}\) (?P<text>.*) \((?P<tag>[^()]*)\)\s*$",
+    rf"{START}{LEVEL}\({USER}{PID}:\s*\w+\) (?P<text>.*)")]
 # The line before the text, by "long".
-HEADING = re.compile(rf"\[ {STAMP}\s+{USER}(?P<pid>\d{{1,10}}):\s*\w+ {LEVEL}/(?P<tag>.*?)\s*\]$")
+HEADING = re.compile(rf"\[ {STAMP}\s+{USER}{PID}:\s*\w+ {LEVEL}/(?P<tag>.*?){PADDING}\]$")
 # What the platform's log daemon takes for a tag when it splits a kernel record at a colon.
 KERNEL_TAGS = {"", "tid", "pid", "task", "sysrq", "reboot"}
 
-SYSLOG = re.compile(rf"(?:{START}|\s)(?:{NAMED_DATE}|{NUMERIC_DATE.replace('?P<', '?P<iso_')})"
+SYSLOG = re.compile(rf"(?:{START}|\s)(?:{NAMED_DATE}|{ISO_DATE})"
                     r" [\w.-]+ (?P<tag>[\w./-]+)(?:\[\d+\])?: (?P<text>.*)")
 # A stamp of the kernel, of dmesg or of a terminal, where a new piece begins.
 PIECE = re.compile(
-    rf"(?:<\d+>)?\[ *{SECONDS}(?:[@,] ?\d+|\s*<[^>]*>| / [^]]*)? *\]"
+    rf"(?:<\d+>)?\[ *{SECONDS}(?:[@,] ?\d+|\s*<[^>]{{,30}}>| / [^]]{{,40}})? *\]"
     r"|^\W*(?:<\d+>)?\[ *(?P<uptime>\d{1,9})\]"
     r"|^\W*\d+,\d+,(?P<microseconds>\d{1,16}),(?P<fields>[^;]*);"
-    rf"|(?:{START}|\[)(?:{NAMED_DATE}|{NUMERIC_DATE.replace('?P<', '?P<iso_')})(?:\s*<[^>]*>)?\]?"
+    rf"|(?:{START}|\[)(?:{NAMED_DATE}|{ISO_DATE})(?:\s*<[^>]{{,30}}>)?\]?"
     r"|\[[ +<>\d.]+\]|^<\d+>")
 # What devices put behind it: "[T312]", "(3)[412:comm]", "c0", "I[0: swapper/0: 0]".
-CALLER = re.compile(r"\s*(?P<caller>\[ *[TC]\d+\]|\(\d+\)\[\d+:[^]]*\]|\w?\[\d+: *[^]]*: *\d+\]|"
-                    r"c\d+ +(?:\d+ +)?)?\s?")
+CALLER = re.compile(r"\s*(?P<caller>\[ *[TC]\d+\]|\(\d+\)\[\d+:[^]]{,40}\]|"
+                    r"\w?\[\d+: *[^]]{,40}: *\d+\]|c\d+ +(?:\d+ +)?)?\s?")
 COLOUR = re.compile(r"\x1b\[[\d;]*[A-Za-z]")
 
 

@@ -1,12 +1,13 @@
 """Finds the boots in one text, and the lines of each."""
 import re
 
-from . import contents, prefixes
+from . import contents, inputs, prefixes
 from .boot import Boot
 from .contents import Kind
 
 SECTION = re.compile(r"------ (?P<title>\S.*?)(?: \(.*\))? ------")
-LAST = re.compile("last|ramoops|pmsg", re.I)  # what a bug report has of the boot before
+LAST = re.compile("(?<![a-z])last|ramoops|pmsg", re.I)  # what a bug report has of the boot before
+KERNEL_LOG = re.compile("kernel|kmsg|dmesg|ramoops|pstore", re.I)
 UPTIME = re.compile(rb"(?:<\d+>)?\[ *(\d{1,9})\.\d")
 DATES = prefixes.DATE, prefixes.DAY
 
@@ -17,9 +18,11 @@ class Reader:
         self.boots = []
         self._text, self._family, self._tell_unreadable = text, family, tell_unreadable
         self._sections = {}  # boots, by whether the bug report has them from the boot before
+        self._has_uptime = True  # whether a number before a line is the kernel's uptime
         self._heading = None  # of the lines that follow it
         self._crash_time = prefixes.Time()  # of the tombstone
-        self._start(Boot(text.name, bool(LAST.search(text.name)) if text.is_member else None))
+        member = text.name.removeprefix(text.family)
+        self._start(Boot(text.name, bool(LAST.search(member)) if text.is_member else None))
 
     def read(self, block):
         lines = block.splitlines()
@@ -29,12 +32,13 @@ class Reader:
         self.lines += len(lines)
 
     def _take(self, line, number):
-        if stamp := UPTIME.match(line):
+        if self._has_uptime and (stamp := UPTIME.match(line)):
             self._check_uptime(int(stamp[1]))
-        if not self._boot.is_in_stack() and not self._heading \
-                and not contents.MAY_TELL.search(line):
-            return
-        line = line.decode("utf-8", "replace")
+        if self._boot.is_in_stack() or self._heading or contents.MAY_TELL.search(line):
+            for part in inputs.parts_of(line):
+                self._take_part(part.decode("utf-8", "replace"), number)
+
+    def _take_part(self, line, number):
         if section := SECTION.match(line):
             self._start_section(section["title"])
         elif heading := prefixes.heading_of(line):
@@ -46,7 +50,8 @@ class Reader:
                 self._take_piece(piece, number)
 
     def _take_piece(self, piece, number):
-        if piece.writer == prefixes.KERNEL and piece.time.clock == prefixes.UPTIME:
+        if self._has_uptime and piece.writer == prefixes.KERNEL \
+                and piece.time.clock == prefixes.UPTIME:
             self._check_uptime(piece.time.seconds)
         for told in contents.read(piece) or [None]:
             if told and piece.time.clock in DATES:
@@ -92,6 +97,7 @@ class Reader:
             self._sections[is_last] = self._boot
         self._boot = self._sections[is_last]
         self._boot.start_log(source)
+        self._has_uptime = bool(KERNEL_LOG.search(title))
         self._heading = None
 
 
@@ -101,4 +107,4 @@ FOR_TEXT = {Kind.UNREADABLE, Kind.BOOT, Kind.DATE, Kind.NOW, Kind.CRASH}
 def may_tell(block):
     """Whether it has lines that tell something, or that show the kernel's uptime."""
     return block[:1] in b"[<" or b"\n[" in block or b"\n<" in block \
-        or any(literal in block for literal in contents.LITERALS)
+        or any(mark in block for mark in contents.MARKS)
