@@ -16,7 +16,7 @@ REPORTS = {  # condition, wait channel, thread, tid and ppid
     REPORT: ("D", None, None, 1234, 1),
     "pid:1201 ppid:4294967295 in Z 120s": ("Z", None, None, None, None),
     "tid:5 pid:1202 ppid:1 in unswitch S 120s": ("unswitch", None, None, 5, 1),
-    "pid:1203 ppid:1 wchan: kernel_wait4120s": ("wchan", "kernel_wait4", None, None, 1)}
+    "pid:1203 ppid:1 wchan: kernel_wait3120s": ("wchan", "kernel_wait3", None, None, 1)}
 MISSING = {"RenderThread in pid:1204 ppid:1 cannot start 120s":
            ("missing", None, "RenderThread", None, 1)}
 DUMP = """\
@@ -103,8 +103,9 @@ class FindHangs(unittest.TestCase):
 
     def test_stacks(self):
         for dump, name, stack in ((DUMP, "main", ["in_this_boot+0x110/0x188"]),
-                                  (OLD_DUMP, "Signal Catcher", ["__schedule+0x3e0/0x5ec"])):
-            with self.subTest(name):
+                                  (OLD_DUMP, "Signal Catcher", ["__schedule+0x3e0/0x5ec"]),
+                                  (DUMP.replace("500.0", "300.0"), None, [])):
+            with self.subTest(dump):
                 self.assertEqual(self.find("thread", "stack", log=dump + KERNEL), [(name, stack)])
 
     def test_two_boots_in_a_bug_report(self):
@@ -133,6 +134,11 @@ class FindHangs(unittest.TestCase):
             found = self.find("file", "reported_text", one=log, other=log)
             self.assertEqual([(file, len(times)) for file, times in found], [("one", 1)])
 
+    def test_report_in_all_buffers(self):
+        line = f"11-21 13:45:20.0     0     0 W tid     : {REPORT[4:]}\n"
+        found = self.find("process", "reported_text", log=DAEMON + line)
+        self.assertEqual(found, [("storaged", ["11-21 13:45:20"])])
+
     def test_task_that_moved_between(self):
         reports = "".join(f"[  {uptime}.0] {REPORT}\n" for uptime in (100, 160, 900))
         found = self.find("reported", log=reports)
@@ -143,7 +149,7 @@ class FindHangs(unittest.TestCase):
         for name, content in {
                 "archives": deep, "UTF-16": KERNEL.encode("utf-16"), "UTF-8": "\ufeff" + KERNEL,
                 "CR": KERNEL.replace("\n", "\r") * 2, "NUL": KERNEL.replace("in", "i\0n"),
-                "long line": " " * 262100 + KERNEL[:-1] + " " * 300000}.items():
+                "long line": " " * 262120 + KERNEL[:-1] + " " * 300000}.items():
             with self.subTest(name):
                 self.assertEqual(self.find("tid", "since", log=content), [(1234, 440.1)])
 

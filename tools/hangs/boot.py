@@ -169,7 +169,7 @@ class Boot:
         hang.learn(dumped=stack.time, thread=stack.thread)
         hang.stack = stack.frames
         if not stack.time.is_known():
-            hang.likely.append("stack")
+            hang.likely = ["stack"]
 
     def _follow_stack(self, piece, told):
         kind = told and told.kind

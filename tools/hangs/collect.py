@@ -183,4 +183,4 @@ def learn(hang, parts, is_sure):
     news = [name for name, value in parts.items() if value and not getattr(hang, name)]
     hang.learn(**parts)
     if not is_sure:
-        hang.likely += news
+        hang.likely = [*hang.likely, *news]

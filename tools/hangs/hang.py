@@ -31,8 +31,8 @@ class Hang:
     writer: int = None  # of the last report
     act: str = ""
     acted: int = 0  # the reports until the act
-    stack: list = dataclasses.field(default_factory=list)
-    likely: list = dataclasses.field(default_factory=list)  # the parts that may be another's
+    stack: list = ()
+    likely: list = ()  # the parts that may be another's
 
     @property
     def time(self):
