@@ -5,7 +5,7 @@ import json
 from . import prefixes
 
 TITLES = ("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION", "FILE")
-MOST_DRAWN = 500  # hangs; a picture of more cannot be read
+MOST_BOOTS, MOST_DRAWN = 20, 200  # boots, and hangs of each; a picture of more cannot be read
 LONGEST_NAME = 64
 ROW_HEIGHT, WIDTH = 0.35, 10  # inches
 
@@ -81,22 +81,27 @@ def numbers_of_boots(hangs):
 
 
 def plot(hangs, path):
-    """Draws a bar for each hang, in a row of axes for each boot. Returns how many are left out."""
+    """Draws a bar for each hang, on an axis for each boot. Returns how many hangs are drawn; without
+    any there is no picture.
+    """
     from matplotlib import pyplot
     pyplot.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tovrel",
                             "text.parse_math": False, "axes.formatter.useoffset": False})
     boots = collections.defaultdict(list)
-    drawn = [hang for hang in hangs if hang.time.is_known()][:MOST_DRAWN]
-    for hang in drawn:
-        boots[id(hang.boot), hang.time.clock].append(hang)
-    heights = [len(boot) + 2.5 for boot in boots.values()] or [1]
+    for hang in hangs:
+        if hang.time.is_known():
+            boots[id(hang.boot), hang.time.clock].append(hang)
+    boots = {key: boot[:MOST_DRAWN] for key, boot in list(boots.items())[:MOST_BOOTS]}
+    if not boots:
+        return 0
+    heights = [len(boot) + 2.5 for boot in boots.values()]
     figure, rows = pyplot.subplots(
         len(heights), squeeze=False, layout="constrained",
         figsize=(WIDTH, ROW_HEIGHT * sum(heights)), gridspec_kw={"height_ratios": heights})
     for axes, boot in zip(rows[:, 0], boots.values()):
         draw_boot(axes, boot)
     figure.savefig(path, format="svg", metadata={"Date": None})
-    return len(hangs) - len(drawn)
+    return sum(map(len, boots.values()))
 
 
 def draw_boot(axes, hangs):
