@@ -115,7 +115,7 @@ def pieces(line, heading=None):
 
 def heading_of(line):
     """The line as a heading of "long"; its text is the tag. None if it is none."""
-    match = HEADING.match(COLOUR.sub("", line).strip())
+    match = "]" in line and HEADING.match(COLOUR.sub("", line).strip())
     return android_piece(match) if match else None
 
 
@@ -127,7 +127,10 @@ def android_piece(match):
     else:
         writer = UNKNOWN if tag is None else TAGS.get(tag, OTHER)
     text = text_of(tag, parts["text"], writer) if "text" in parts else tag
-    return Piece(text.strip(), time_of(match), writer, pid=int(pid) if pid else None)
+    # Most lines of a log are other programs', and only what they say of the daemon has a time.
+    is_of_use = writer != OTHER or "tovrel" in text
+    time = time_of(match) if is_of_use else Time()
+    return Piece(text.strip(), time, writer, pid=int(pid) if pid else None)
 
 
 def text_of(tag, text, writer):
