@@ -1,9 +1,10 @@
 """How tools/find-hangs reads logs, in the order in which a line passes through:
 
 inputs    archives, encodings, blocks of lines
+reader    where boots begin in one text
 prefixes  time and writer of a line
 contents  what it tells
-boot      what one boot's lines tell together: hangs
-collect   boots and files apart, and what belongs together joined
-output    table, JSON Lines, plot
+boot      what the lines of one boot tell together; hang: what it collects
+collect   copies counted once, and the logs of one boot joined
+output    table, JSON Lines, picture
 """
