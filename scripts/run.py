@@ -81,7 +81,7 @@ def copy_acts(kernel_log, sysrq, log_file, debug):
 
 def print_hangs(log_file):
     print(flush=True)
-    subprocess.run([TOOLS / "find-hangs", log_file])
+    subprocess.run([TOOLS / "find-hangs", os.path.relpath(log_file)])
 
 
 def wait_for_others():
