@@ -1,11 +1,9 @@
 #!/usr/bin/python3
-"""Boots Debian's kernels in virtual machines. They play tests/vm/init, which judges by itself; here
-is looked at what survives no guest, how the machine restarts.
+"""Boots Debian's kernels in virtual machines, which play tests/vm/init and judge for themselves.
+Looked at from here is only what no guest survives, the restart.
 
-Prints the verdicts on all facts. Exit status 1 if one does not hold or was not shown. The consoles'
-logs stay in build/vm, and so do the fetched packages: remove them to have the newest.
+usage: test_vm.py MACHINE...    built by scripts/test-vm
 """
-import concurrent.futures
 import pathlib
 import re
 import shutil
@@ -18,136 +16,101 @@ INIT = ROOT / "tests/vm/init"
 
 
 class Machine(NamedTuple):
-    preset: str
+    build: str
     debian: str        # Debian's name of the architecture
-    libraries: str
     emulator: str
     command_line: str  # the console, and memory that the kernel leaves to ramoops
 
 
 MACHINES = {
-    "x86_64": Machine("release", "amd64", "/usr/lib/x86_64-linux-gnu", "qemu-system-x86_64",
+    "x86_64": Machine("build/release", "amd64", "qemu-system-x86_64",
                       "console=ttyS0 memmap=2M$0x18000000 kept_memory=0x18000000"),
-    "arm64": Machine("arm64", "arm64", "/usr/lib/aarch64-linux-gnu",
-                     "qemu-system-aarch64 -M virt -cpu cortex-a57",
+    "arm64": Machine("build/arm64", "arm64", "qemu-system-aarch64 -M virt -cpu cortex-a57",
                      "console=ttyAMA0 mem=448M kept_memory=0x5d000000"),
 }
 # The processor's own virtualisation is not asked for: where it is offered, it may hang.
 EMULATED = "-accel tcg -smp 2 -m 512 -display none -nodefaults -serial stdio"
+BOOT_LIMIT = "240"  # s
 PACKAGES = ["busybox-static", "libcap-ng0", "util-linux"]
-LIBRARIES = ["android/libbase.so.0", "android/liblog.so.0", "ld-linux-*", "libc.so.6",
-             "libgcc_s.so.1", "libjsoncpp.so.*", "libm.so.6", "libstdc++.so.6"]
-BOOT_LIMIT = 240  # s
 
-RESTARTED = 'policy reboot: the report, then a restart with the reason "tovrel"'
-RESTART = (r"\] tid:(\d+) pid:\1 ppid:1 in T 4s\r?\n"
+RESTARTED = 'policy reboot reports to the kernel log and restarts with the reason "tovrel"'
+RESTART = (r"\] tid:(\d+) pid:\1 ppid:1 in T 4s\n"
            r".*\] reboot: Restarting system with command 'tovrel'")
 
 
-def run(*command, **options):
-    """Returns the output; ends with it if the command fails."""
-    done = subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          **{"cwd": ROOT, **options})
-    if done.returncode != 0:
-        sys.exit(f"test-vm: {' '.join(map(str, command))} failed\n{done.stdout}")
-    return done.stdout
-
-
-def fetch_packages(machine, target):
+def fetch_packages(debian, target):
     """Unpacks the newest kernel and the guest's programs, without installing them."""
     if target.exists():
         return
-    newest = run("apt-cache", "depends", f"linux-image-{machine.debian}:{machine.debian}")
+    newest = subprocess.check_output(
+        ["apt-cache", "depends", f"linux-image-{debian}:{debian}"], text=True)
     kernel = re.search(r"Depends: (linux-image-[^\s:]+)", newest)[1]
     new = target.with_suffix(".new")
     shutil.rmtree(new, ignore_errors=True)
     new.mkdir(parents=True)
-    names = [f"{package}:{machine.debian}" for package in [kernel, *PACKAGES]]
-    run("apt-get", "-q", "-o", "APT::Sandbox::User=root", "download", *names, cwd=new)
+    names = [f"{package}:{debian}" for package in [kernel, *PACKAGES]]
+    subprocess.run(["apt-get", "-qq", "-o", "APT::Sandbox::User=root", "download", *names],
+                   cwd=new, check=True)
     for archive in new.glob("*.deb"):
-        run("dpkg-deb", "-x", archive, new)
-        archive.unlink()
+        subprocess.run(["dpkg-deb", "-x", archive, new], check=True)
     new.rename(target)
 
 
-def make_image(machine, packages, root):
-    build = ROOT / "build" / machine.preset
-    contents = {
-        "": [INIT, ROOT / "etc/tovrel.rc"],
-        "bin": [packages / "bin/busybox", packages / "usr/bin/setpriv", build / "stuck_task"],
-        "etc": [],
-        "lib": [build / "vm/libcutils.so", *packages.rglob("libcap-ng.so.0"),
-                *packages.rglob("ramoops.ko"), *packages.rglob("reed_solomon.ko")],
-        "vendor/bin": [build / "tovrel"],
-        "vendor/etc": [],
-    }
-    for pattern in LIBRARIES:
-        contents["lib"] += pathlib.Path(machine.libraries).glob(pattern)
-    shutil.rmtree(root, ignore_errors=True)
-    for directory, files in contents.items():
-        (root / directory).mkdir(parents=True, exist_ok=True)
-        for file in files:
-            shutil.copy(file, root / directory)
-    (root / "lib64").symlink_to("lib")
-    names = "".join(f"{path.relative_to(root)}\n" for path in root.rglob("*"))
-    run("cpio", "--quiet", "-o", "-H", "newc", "--owner", "0:0", "-O", root.with_name("initrd"),
-        cwd=root, input=names)
+def make_image(root, packages, image):
+    """Adds what the build cannot."""
+    for name, directory in {"bin/busybox": "bin", "bin/setpriv": "bin", "libcap-ng.so.0": "lib",
+                            "reed_solomon.ko": "lib", "ramoops.ko": "lib"}.items():
+        shutil.copy(next(packages.rglob(name)), root / directory)
+    subprocess.run(f"find | cpio --quiet -o -H newc --owner 0:0 >{image}", shell=True, cwd=root,
+                   check=True)
 
 
-def prepare(name):
-    machine, work = MACHINES[name], ROOT / "build/vm" / name
-    run("bash", "-c", 'source scripts/build.bash; build "$@"', "scripts/test-vm", machine.preset,
-        "tovrel", "stuck_task", "vm_cutils")
-    fetch_packages(machine, work / "packages")
-    make_image(machine, work / "packages", work / "root")
-
-
-def boot(name, scenes):
-    """Returns what the console showed."""
-    machine, work = MACHINES[name], ROOT / "build/vm" / name
+def boot(machine, work, scenes):
+    """Starts the emulator, which writes what the console shows to a log named after a scene."""
     kernel, = work.glob("packages/boot/vmlinuz-*")
-    command = [*machine.emulator.split(), *EMULATED.split(), "-kernel", kernel,
-               "-initrd", work / "initrd", "-append",
-               f"{machine.command_line} panic=-1 scenes={','.join(scenes)}"]
+    command = ["timeout", "--foreground", BOOT_LIMIT, *machine.emulator.split(), *EMULATED.split(),
+               "-kernel", kernel, "-initrd", work / "initrd",
+               "-append", f"{machine.command_line} panic=-1 scenes={','.join(scenes)}"]
     if scenes != ["panic"]:  # whose second boot finds what the first one left
         command.append("-no-reboot")
-    log = work / f"{scenes[-1]}.log"
-    with open(log, "wb") as console:
-        try:
-            subprocess.run(command, stdin=subprocess.DEVNULL, stdout=console,
-                           stderr=subprocess.STDOUT, timeout=BOOT_LIMIT)
-        except subprocess.TimeoutExpired:
-            pass  # what is missing on the console tells
-    return log.read_text(errors="replace")
+    with open(work / f"{scenes[0]}.log", "wb") as log:
+        return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
 
-def verdict(fact, console):
-    if fact == RESTARTED:
-        return "ok" if re.search(RESTART, console, re.DOTALL) else "FAILED: not on the console"
-    found = re.search(rf"\] (ok|FAILED) {re.escape(fact)}(:[^\r\n]*)?\r?\n", console)
-    return found[1] + (found[2] or "") if found else "FAILED: not shown"
+def find_verdicts(work):
+    """The word on each fact, and what was seen."""
+    console = "".join(log.read_text(errors="replace") for log in work.glob("*.log"))
+    verdicts = {fact: (word, seen) for word, fact, seen
+                in re.findall(r"\] (ok|FAILED) ([^:\n]*):(.*)", console)}
+    if re.search(RESTART, console, re.DOTALL):
+        verdicts[RESTARTED] = "ok", ""
+    return verdicts
 
 
 def main():
-    names = sys.argv[1:] or list(MACHINES)
-    if not set(names) <= set(MACHINES):
-        sys.exit(f"test-vm: there are {' and '.join(MACHINES)}")
-    run("scripts/install-packages", "build", "vm", *(["arm64"] if "arm64" in names else []))
-    for name in names:
-        prepare(name)
-
-    scenes = re.findall(r"^play_(\w+)", INIT.read_text(), re.MULTILINE)
+    script = INIT.read_text()
+    facts = [*re.findall(r'^ *fact "(.*)"$', script, re.MULTILINE), RESTARTED]
+    scenes = re.findall(r"^play_(\w+)", script, re.MULTILINE)
     scenes.remove("panic")
-    boots = [(name, played) for played in (scenes, ["panic"]) for name in names]
-    with concurrent.futures.ThreadPoolExecutor(len(boots)) as pool:  # mostly they sleep
-        shown = list(pool.map(boot, *zip(*boots)))
-    consoles = {name: "".join(shown[i::len(names)]) for i, name in enumerate(names)}
+    works = {name: ROOT / "build/vm" / name for name in sys.argv[1:]}
+    boots = []
+    for name, work in works.items():
+        machine = MACHINES[name]
+        fetch_packages(machine.debian, work / "packages")
+        make_image(ROOT / machine.build / "tests/vm/root", work / "packages", work / "initrd")
+        boots += [boot(machine, work, played) for played in (scenes, ["panic"])]
+    for emulator in boots:
+        emulator.wait()
 
+    shown = {name: find_verdicts(work) for name, work in works.items()}
     failures = []
-    for fact in [*re.findall(r'^ *fact "(.*)"$', INIT.read_text(), re.MULTILINE), RESTARTED]:
-        verdicts = {name: verdict(fact, consoles[name]) for name in names}
-        print(*(f"{name} {text.partition(':')[0]:6} " for name, text in verdicts.items()), fact)
-        failures += [f"{name}: {fact}: {text}" for name, text in verdicts.items() if text != "ok"]
+    for fact in facts:
+        for name, verdicts in shown.items():
+            word, seen = verdicts.get(fact, ("FAILED", " not shown"))
+            print(name, word.ljust(6), end="  ")
+            if word != "ok":
+                failures.append(f"{name}: {fact}:{seen}")
+        print(fact)
     print(*failures, sep="\n")
     return 1 if failures else 0
 
