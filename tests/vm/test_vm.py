@@ -2,31 +2,24 @@
 """Boots Debian's kernels in virtual machines, which play tests/vm/init and judge for themselves.
 Looked at from here is only what no guest survives, the restart.
 
-usage: test_vm.py MACHINE...    built by scripts/test-vm
+usage: test_vm.py MACHINE...    started by scripts/test-vm, which builds what the guests need
 """
 import pathlib
 import re
 import shutil
 import subprocess
 import sys
-from typing import NamedTuple
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-INIT = ROOT / "tests/vm/init"
 
-
-class Machine(NamedTuple):
-    build: str
-    debian: str        # Debian's name of the architecture
-    emulator: str
-    command_line: str  # the console, and memory that the kernel leaves to ramoops
-
-
+# A kernel's command line names the console, and memory that it leaves to ramoops.
 MACHINES = {
-    "x86_64": Machine("build/release", "amd64", "qemu-system-x86_64",
-                      "console=ttyS0 memmap=2M$0x18000000 kept_memory=0x18000000"),
-    "arm64": Machine("build/arm64", "arm64", "qemu-system-aarch64 -M virt -cpu cortex-a57",
-                     "console=ttyAMA0 mem=448M kept_memory=0x5d000000"),
+    "x86_64": dict(
+        build="build/release", debian="amd64", emulator="qemu-system-x86_64",
+        command_line="console=ttyS0 memmap=2M$0x18000000 kept_memory=0x18000000"),
+    "arm64": dict(
+        build="build/arm64", debian="arm64", emulator="qemu-system-aarch64 -M virt -cpu cortex-a57",
+        command_line="console=ttyAMA0 mem=448M kept_memory=0x5d000000"),
 }
 # The processor's own virtualisation is not asked for: where it is offered, it may hang.
 EMULATED = "-accel tcg -smp 2 -m 512 -display none -nodefaults -serial stdio"
@@ -56,21 +49,21 @@ def fetch_packages(debian, target):
     new.rename(target)
 
 
-def make_image(root, packages, image):
-    """Adds what the build cannot."""
+def make_image(root, work):
+    """Adds the packages' part to what the build laid out."""
     for name, directory in {"bin/busybox": "bin", "bin/setpriv": "bin", "libcap-ng.so.0": "lib",
                             "reed_solomon.ko": "lib", "ramoops.ko": "lib"}.items():
-        shutil.copy(next(packages.rglob(name)), root / directory)
-    subprocess.run(f"find | cpio --quiet -o -H newc --owner 0:0 >{image}", shell=True, cwd=root,
-                   check=True)
+        shutil.copy(next(work.glob(f"packages/**/{name}")), root / directory)
+    subprocess.run(f"find | cpio --quiet -o -H newc --owner 0:0 >{work}/initrd", shell=True,
+                   cwd=root, check=True)
 
 
 def boot(machine, work, scenes):
     """Starts the emulator, which writes what the console shows to a log named after a scene."""
     kernel, = work.glob("packages/boot/vmlinuz-*")
-    command = ["timeout", "--foreground", BOOT_LIMIT, *machine.emulator.split(), *EMULATED.split(),
+    command = ["timeout", "--foreground", BOOT_LIMIT, *f"{machine['emulator']} {EMULATED}".split(),
                "-kernel", kernel, "-initrd", work / "initrd",
-               "-append", f"{machine.command_line} panic=-1 scenes={','.join(scenes)}"]
+               "-append", f"{machine['command_line']} panic=-1 scenes={','.join(scenes)}"]
     if scenes != ["panic"]:  # whose second boot finds what the first one left
         command.append("-no-reboot")
     with open(work / f"{scenes[0]}.log", "wb") as log:
@@ -88,7 +81,7 @@ def find_verdicts(work):
 
 
 def main():
-    script = INIT.read_text()
+    script = (ROOT / "tests/vm/init").read_text()
     facts = [*re.findall(r'^ *fact "(.*)"$', script, re.MULTILINE), RESTARTED]
     scenes = re.findall(r"^play_(\w+)", script, re.MULTILINE)
     scenes.remove("panic")
@@ -96,8 +89,8 @@ def main():
     boots = []
     for name, work in works.items():
         machine = MACHINES[name]
-        fetch_packages(machine.debian, work / "packages")
-        make_image(ROOT / machine.build / "tests/vm/root", work / "packages", work / "initrd")
+        fetch_packages(machine["debian"], work / "packages")
+        make_image(ROOT / machine["build"] / "tests/vm/root", work)
         boots += [boot(machine, work, played) for played in (scenes, ["panic"])]
     for emulator in boots:
         emulator.wait()
