@@ -39,6 +39,27 @@ struct Uncalled : Module {
     }
 };
 
+// Records its calls, and says no to every question.
+struct Recorder : Module {
+    explicit Recorder(const char* name) : name(name) { enable = true; }
+    bool need_traverse() override { return tell("need_traverse"); }
+    bool check_process(std::string process, int pid, std::string path) override {
+        return tell("check_process", process, pid, path);
+    }
+    void scan_process(std::set<int> zygote_pids) override { tell("scan", *zygote_pids.begin()); }
+    void check_process_sh() override { tell("check_process_sh"); }
+    void dump() override { tell("dump"); }
+    void pre_check() override { tell("pre_check"); }
+
+    template <typename... Words>
+    bool tell(const Words&... words) {
+        record(name, words...);
+        return false;
+    }
+
+    const char* name;
+};
+
 }  // namespace
 
 TEST(Record, BeginsAsUnknown) {
@@ -108,6 +129,24 @@ TEST(Config, PassesOverModulesThatAreOff) {
         config.dump();
     };
     EXPECT_EQ(events_of("", every_operation), "");
+}
+
+TEST(Config, ReachesEveryModuleInOrder) {
+    const auto every_operation = [] {
+        Config& config = Config::get();
+        config.modules = {new Recorder("first"), new Recorder("second")};
+        REQUIRE(!config.need_traverse() && !config.check_process("app", 10, "/proc/10"));
+        config.pre_check();
+        config.check_process_sh();
+        config.scan_process({30});
+        config.dump();
+    };
+    EXPECT_EQ(events_of("", every_operation),
+              "0 first need_traverse\n0 second need_traverse\n"
+              "0 first check_process app 10 /proc/10\n0 second check_process app 10 /proc/10\n"
+              "0 first pre_check\n0 second pre_check\n"
+              "0 first check_process_sh\n0 second check_process_sh\n"
+              "0 first scan 30\n0 second scan 30\n0 first dump\n0 second dump\n");
 }
 
 TEST(Config, KeepsTheOrderOfItsModules) {
