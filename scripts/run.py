@@ -17,9 +17,9 @@ import subprocess
 import sys
 import time
 
+import demonstration
 import sandbox
-import stuck_tasks
-from stuck_tasks import TIMEOUT
+from demonstration import TIMEOUT
 
 TOOLS = pathlib.Path(__file__).resolve().parent.parent / "tools"
 DEADLINE = 60  # s, for the last report of the demonstration
@@ -97,19 +97,20 @@ def wait_for_others():
 def demonstrate(build, options):
     """Returns the exit status."""
     shell, log_file = "--shell" in options, build / "demo.log"
-    tasks = stuck_tasks.tasks_of(shell)
+    tasks = demonstration.tasks_of(shell)
     wait_for_others()
     print(INTRODUCTION, f"The whole log: {log_file}\n", sep="\n", flush=True)
     with sandbox.directory("", "--keep" in options) as root:
         command = sandbox.command(build, root)
-        faults = functools.partial(stuck_tasks.judge, tasks, log_file, root)
-        with stuck_tasks.started(build / "stuck_task", tasks):
-            (root / sandbox.CONFIG).write_text(stuck_tasks.configuration(tasks, shell))
+        faults = functools.partial(demonstration.judge, tasks, log_file, root)
+        with demonstration.started(build / "stuck_task", tasks):
+            (root / sandbox.CONFIG).write_text(demonstration.configuration(tasks, shell))
             status = watch(command, log_file, root,
                            is_over=lambda seconds: seconds > DEADLINE or not faults())
         wrong = faults() + ([] if status is None else [f"the daemon has ended: {status}"])
     print_hangs(log_file)
-    print("", *([f"FAILED: {fault}" for fault in wrong] or [stuck_tasks.verdict(tasks)]), sep="\n")
+    summary = [f"FAILED: {fault}" for fault in wrong] or [demonstration.verdict(tasks)]
+    print("", *summary, sep="\n")
     return 1 if wrong else 0
 
 
