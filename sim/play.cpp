@@ -38,6 +38,7 @@ int64_t time_of_events = 0;
 // The system properties, where host/properties.cpp reads them.
 void write_properties() {
     const int file = memfd_create("properties", MFD_CLOEXEC);
+    REQUIRE(android::base::WriteStringToFd(device->property_lines + "\n", file));
     for (const auto& [name, value] : device->properties) {
         REQUIRE(android::base::WriteStringToFd(name + "=" + value + "\n", file));
     }
