@@ -3,7 +3,7 @@
 //
 // Plays the daemon with a configuration in virtual time, on a device that is told in STEPS, and
 // prints its events: a line each, behind the seconds since the start. The steps: sim/README.md.
-// Of PLAYS each line has the steps of one; an empty line stands behind the events of each.
+// Of PLAYS each line has the steps of one; a line "end" stands behind the events of each.
 
 #include <android-base/file.h>
 
@@ -25,7 +25,7 @@ bool print(const Outcome& outcome) {
 int play_lines() {
     for (std::string steps; std::getline(std::cin, steps);) {
         if (!print(play(steps))) return 2;
-        puts("");
+        puts("end");
     }
     return 0;
 }
