@@ -1,66 +1,95 @@
 """The daemon's own code, built for this host: its reader, and its plays on the virtual device."""
-import concurrent.futures
+import copy
+import itertools
 import json
 import os
 import pathlib
 import re
 import subprocess
 
-from .reading import ROOT, Refused
+from .reading import Refused
 
-WORKERS = os.cpu_count() or 1
+# With debug on the daemon names a task before each act. It does nothing but write log lines.
+WATCH = ("prop debug=1;turns 1000000;"
+         "watch alarm|kill|kmsg|I nothing to do|I thread: |I [^ ]+ [0-9]+ state=. wchan=")
 
 
 class Daemon:
-    """Reads and plays in a directory for its files."""
+    """The programs, and a directory for the files that they read."""
 
     def __init__(self, build, directory):
-        self.build = pathlib.Path(build)
-        self.directory = pathlib.Path(directory)
+        self.build, self.directory = pathlib.Path(build), pathlib.Path(directory)
         self.files = {}  # by content
+        self.numbers = itertools.count()
         for program in ("settings", "rehearse"):
             if not os.access(self.build / program, os.X_OK):
-                raise Refused(f"{self.build / program} is not built: in {ROOT}, cmake --preset "
+                raise Refused(f"{self.build / program} is not built; in the tree: cmake --preset "
                               "release && cmake --build --preset release --target settings rehearse")
 
     def file_of(self, content):
-        """A file with this content, of bytes or of a document."""
-        data = content if isinstance(content, bytes) else json.dumps(content).encode()
-        if data not in self.files:
-            self.files[data] = self.directory / str(len(self.files))
-            self.files[data].write_bytes(data)
-        return self.files[data]
+        if content not in self.files:
+            file = self.directory / str(next(self.numbers))
+            file.write_bytes(content)
+            self.files[content] = file
+        return self.files[content]
 
     def run(self, program, *arguments, text=None):
+        """What it prints, and why it failed."""
         done = subprocess.run([self.build / program, *arguments], input=text, encoding="utf-8",
                               errors="backslashreplace", capture_output=True, check=False)
         return done.stdout, " ".join(done.stderr.split()) if done.returncode != 0 else ""
 
     def read(self, config, properties):
-        """What the daemon makes of them: its errors, "settings" and "idle"."""
+        """What the daemon makes of two files' content: "errors", "settings" and "idle"."""
         output, failure = self.run("settings", self.file_of(config), self.file_of(properties))
         return {"errors": [failure]} if failure else json.loads(output)
 
     def rehearse(self, config, properties, steps):
-        """The events, as they are printed, and why the play could not go on."""
-        first = f"properties {self.file_of(properties)};"
-        return self.run("rehearse", self.file_of(config), first + steps)
+        properties = self.file_of(properties)
+        return self.run("rehearse", self.file_of(config), f"properties {properties};{steps}")
+
+
+class World:
+    """A valid configuration and properties, as the daemon reads them, to be played."""
+
+    def __init__(self, daemon, document, properties):
+        self.daemon, self.document, self.properties = daemon, document, properties
+        reading = daemon.read(json.dumps(document).encode(), properties)
+        self.settings, self.idle = reading["settings"], reading["idle"]
+        self.interval, self.timeout = [self.settings[key] / 1000 for key in ("interval", "timeout")]
+
+    @property
+    def processes(self):
+        """The threads by process; none while the detector is off."""
+        return self.settings["process_list"] if self.settings["process_enable"] else {}
+
+    @property
+    def work(self):
+        """Samples in a time-out."""
+        tasks = sum(len(threads) or 1 for threads in self.processes.values()) + 1
+        return int(tasks * self.timeout / self.interval)
+
+    def changed(self, section, **changes):
+        """The same with another pace, or the like."""
+        document = copy.deepcopy(self.document)
+        document["Config"][section].update(changes)
+        return World(self.daemon, document, self.properties)
 
     def play(self, plays):
-        """For each play, a configuration, properties and steps: the events, time and text."""
-        lines = [f"config {self.file_of(config)};properties {self.file_of(properties)};{steps}"
-                 for config, properties, steps in plays]
-        shares = [lines[worker::WORKERS] for worker in range(WORKERS)]
-        with concurrent.futures.ThreadPoolExecutor(WORKERS) as pool:
-            results = [iter(events) for events in pool.map(self.play_lines, shares)]
-        return [next(results[i % WORKERS]) for i in range(len(lines))]
-
-    def play_lines(self, lines):
-        output, failure = self.run("rehearse", text="".join(line + "\n" for line in lines))
+        """For each play, the threads by process and the steps: events, times and texts."""
+        lines = []
+        for processes, steps in plays:
+            document = copy.deepcopy(self.document)
+            entries = [{"process": name, "thread": names} for name, names in processes.items()]
+            document["Config"]["monitor_process"] = {"enable": bool(entries), "list": entries}
+            files = (f"config {self.daemon.file_of(json.dumps(document).encode())}",
+                     f"properties {self.daemon.file_of(self.properties)}", "prop processes=")
+            lines.append(";".join([*files, *steps, WATCH]) + "\n")
+        output, failure = self.daemon.run("rehearse", text="".join(lines))
         if failure:
             raise Refused(failure)
-        plays = re.split("^end\n", output, flags=re.M)[:-1]
-        return [[event_of(line) for line in events.splitlines()] for events in plays]
+        return [[event_of(line) for line in events.splitlines()]
+                for events in re.split("^end\n", output, flags=re.M)[:-1]]
 
 
 def event_of(line):

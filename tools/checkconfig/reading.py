@@ -1,4 +1,4 @@
-"""What stands in the files: bytes, faults, and the daemon's own reading of them."""
+"""What stands in the files: their bytes, and the faults that the schema tells."""
 import itertools
 import json
 import os
@@ -13,11 +13,10 @@ except ImportError:
     jsonschema = None
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-SCHEMA = json.loads((ROOT / "etc/tovrel.schema.json").read_text(encoding="utf-8"))
 PREFIX = "persist.vendor.hg."
 MAX_BYTES = 1 << 20
-MAX_FAULTS = 20
-MAX_CPU_SECONDS = 5  # for the schema; some lists of thousands take hours
+MAX_FAULTS, MAX_FAULT_LENGTH = 20, 300
+PATIENCE = 5  # s for the schema: some lists of thousands take hours
 
 
 class Refused(Exception):
@@ -36,21 +35,17 @@ def read_file(path):
 
 
 def read_properties(path):
-    """The lines of a file of properties, those as getprop prints them ("[name]: [value]") turned
-    into NAME=VALUE."""
-    content = read_file(path)
-    if b"\0" in content:
-        raise Refused(f"{path}: not a text file")
-    return re.sub(rb"^\[([^]\n]*)\]: \[(.*)\]\r?$", rb"\1=\2", content, flags=re.M)
+    """Lines NAME=VALUE as they stand, and those that getprop prints, "[name]: [value]", as such."""
+    return re.sub(rb"^\[([^]\n]*)\]: \[(.*)\]\r?$", rb"\1=\2", read_file(path), flags=re.M)
 
 
 def refuse_repeated_keys(pairs):
     """The daemon's JSON library takes the last of them without a word."""
-    document = dict(pairs)
-    if len(document) < len(pairs):
-        keys = set()
-        repeated = next(key for key, _ in pairs if key in keys or keys.add(key))
-        raise ValueError(f"key {repeated!r} stands twice in one object")
+    document = {}
+    for key, value in pairs:
+        if key in document:
+            raise ValueError(f"key {key!r} stands twice in one object")
+        document[key] = value
     return document
 
 
@@ -58,20 +53,24 @@ def refuse_constant(word):
     raise ValueError(f"{word} is no number")
 
 
-def end_of_patience(*_):
-    raise Refused(f"the schema takes more than {MAX_CPU_SECONDS} s: too many entries")
+def lose_patience(*_):
+    raise Refused(f"the schema takes more than {PATIENCE} s: too many entries")
 
 
-def schema_faults(document, schema=None):
+def schema_faults(document, part=""):
+    """Of a document, or of what stands in one at `part` of the schema."""
     if jsonschema is None:
         raise Refused("needs the package python3-jsonschema")
-    validator = jsonschema.Draft7Validator(schema or SCHEMA)
-    signal.signal(signal.SIGVTALRM, end_of_patience)
-    signal.setitimer(signal.ITIMER_VIRTUAL, MAX_CPU_SECONDS)
-    faults = [f"{fault.json_path.removeprefix('$.')}: {fault.message}"
-              for fault in itertools.islice(validator.iter_errors(document), MAX_FAULTS)]
+    schema = json.loads((ROOT / "etc/tovrel.schema.json").read_text(encoding="utf-8"))
+    if part:
+        schema = {"$ref": part, "definitions": schema["definitions"]}
+    signal.signal(signal.SIGVTALRM, lose_patience)
+    signal.setitimer(signal.ITIMER_VIRTUAL, PATIENCE)
+    faults = itertools.islice(jsonschema.Draft7Validator(schema).iter_errors(document), MAX_FAULTS)
+    texts = [f"{fault.json_path.removeprefix('$.')}: {fault.message}"[:MAX_FAULT_LENGTH]
+             for fault in faults]
     signal.setitimer(signal.ITIMER_VIRTUAL, 0)
-    return faults
+    return texts
 
 
 def check(content):
@@ -83,14 +82,11 @@ def check(content):
     except RecursionError:
         return ["nested too deeply"], None
     except ValueError as error:
-        return [str(error)], None
+        return [str(error)[:MAX_FAULT_LENGTH]], None
 
 
-def name_faults(settings):
-    """Of the names that a property has added: those of the file have been checked."""
-    processes = [{"process": name, "thread": threads}
-                 for name, threads in settings["process_list"].items()]
-    schema = {"$ref": "#/definitions/monitor_process/properties/list",
-              "definitions": SCHEMA["definitions"]}
+def name_faults(process_list):
+    """Of the processes that are watched in the end: a property may have added some."""
+    processes = [{"process": name, "thread": threads} for name, threads in process_list.items()]
     return [f"{PREFIX}processes: {fault.partition(': ')[2]}"
-            for fault in schema_faults(processes, schema)]
+            for fault in schema_faults(processes, "#/definitions/monitor_process/properties/list")]

@@ -1,29 +1,137 @@
 """Warnings: valid settings that will surprise, each with the change that ends it."""
+import json
 import re
 
-from .alarms import false_alarms, mend_of, slower
-from .device import ZYGOTE, Device, main_thread, watched_processes
-from .hangs import begin_of, kinds, play_hang
+from .device import BINDER, ZYGOTE, Device, main_thread
+from .hangs import WHOLE, answers_of, begin_of, kinds, responses, rows_of, variants_without
 from .reading import PREFIX
 
 LIST, SHELL = "Config.monitor_process.list", "Config.switches.use_shell"
+LONG = 10  # time-outs of a healthy life
+MAX_WORK = 1000  # samples in a time-out: more would take minutes to be played
+MAX_ABSENT = 8  # processes in turn
 BINDER_POOL = 16  # threads that a process has for binder calls, as a rule
 PROPERTIES = {  # what has an effect
     "enable": "only true or 1 has an effect, where the daemon is off",
     "debug": "only true or 1 has an effect, where debug is off",
     "binder": 'only true or 1 has an effect, with "monitor_uids" or "wchans" in the file',
-    "timeout": "only a number of seconds above the file's has an effect",
+    "timeout": "only seconds above the file's have an effect",
     "policy": 'only another one of "panic", "reboot" and "kill" has an effect',
-    "processes": 'only names that are new have an effect, with "monitor_process" on'}
+    "processes": 'only new names have an effect, with "monitor_process" on'}
+
+
+def false_alarms(world):
+    """The first dump or act of each task on a device where nothing hangs, as it is and with each
+    process absent in turn."""
+    seconds = int(LONG * world.timeout)
+    variants = [(world.processes, ())]
+    for name in list(world.processes)[:MAX_ABSENT]:
+        variants += variants_without(world.processes, (name,))
+    plays = [(processes, [f"until {seconds}", f"{ZYGOTE} comm=zygote state=S",
+                          *Device(world, processes, {absent}).healthy_life(seconds)])
+             for processes, absent in variants]
+    found = {}
+    for (_, absent), events in zip(variants, world.play(plays)):
+        for response in responses(events):
+            found.setdefault((response.name, response.state), (response, bool(absent)))
+    return list(found.values())
+
+
+def false_alarm_rows(world):
+    """"task", "seconds", "key" and "text" of each."""
+    alarms = false_alarms(world)
+    change = alarms and mend(world, false_alarms)
+    for alarm, is_absent in alarms:
+        cause = "sleeps for 30 s" if alarm.state == "S" else "is blocked at one scan"
+        act = "acted on" if alarm.is_act else "dumped"
+        where = " while another process does not run" if is_absent else ""
+        yield {"task": alarm.name, "seconds": alarm.seconds, "key": "Config.scan",
+               "text": f"{alarm.name} is well, but {cause} and is {act} at {alarm.seconds:g} s"
+                       f"{where}; {change or 'remove it from what is watched'}"}
+
+
+def late_text(world):
+    """Whether the dump of a task in D comes after half the time-out."""
+    half = world.timeout / 2
+    for hang in kinds(world):
+        if hang.state != "D" or hang.others or not hang.process or hang.how == "missing":
+            continue
+        dumps = [dump[0] for dump, *_ in answers_of(world, hang, [(world.processes, ())]) if dump]
+        return f"dumps come {dumps[0] - half:g} s late" if dumps and dumps[0] > half else ""
+    return ""
+
+
+def overrun_text(world):
+    """Whether the self-watchdog ends the daemon while a thread of each process, and a pool of
+    binder threads, hang at once."""
+    device, moment = Device(world, world.processes, ()), f"@{begin_of(world)} "
+    hung = {process: task for (process, _), task in device.tasks.items()
+            if process in world.processes}
+    pool = range(BINDER_POOL if device.binder_thread else 0)
+    steps = [f"{ZYGOTE} comm=zygote state=S", *[task.comes() for task in device.tasks.values()],
+             *[moment + task.moves("state=D") for task in hung.values()]]
+    for number in pool:
+        thread = device.binder_thread
+        thread.ids = f"{BINDER}/{BINDER + 1 + number}"
+        steps.append(moment + thread.comes("state=D"))
+    until = f"until {int(begin_of(world) + world.timeout)}"
+    turns = [(seconds, text) for seconds, text in world.play([(world.processes, [until, *steps])])[0]
+             if text.startswith("alarm")]
+    allowed = int(turns[0][1].split()[1])
+    longest = max(after - before for (before, _), (after, _) in zip(turns, turns[1:]))
+    if longest < allowed:
+        return ""
+    return (f"{len(hung) + len(pool)} tasks hung at once hold up a scan for {longest:g} s, and the "
+            f"self-watchdog ends the daemon after {allowed}")
+
+
+def mend(world, is_wrong):
+    """The first other pace with which it is not, in words."""
+    rounds = sorted(range(2, 26, 2), key=lambda count: abs(count - world.settings["round"]))[:5]
+    paces = [{"round": count} for count in rounds]
+    paces += [{"round": count, "interval_min_second": 1} for count in rounds]
+    for factor in (2, 3, 4, 6, 8):
+        timeout = {"timeout_second": min(3600, int(factor * world.timeout))}
+        paces += [timeout, *[{**timeout, "round": count} for count in rounds]]
+    for pace in paces:
+        if not is_wrong(world.changed("scan", **pace)):
+            return "set " + " and ".join(f'"{key}" to {value}' for key, value in pace.items())
+    return ""
+
+
+def pace_warnings(world):
+    for text_of in (late_text, overrun_text):
+        text = text_of(world)
+        change = mend(world, text_of) if text else ""
+        if change:
+            yield "Config.scan", f"{text}; {change}"
+
+
+def hang_warnings(world, rows):
+    """Of hangs that are never acted on, or of processes as a whole in half the time."""
+    never = [hang for hang, _, (_, act, _) in rows if not act]
+    early = [hang for hang, when, (dump, *_) in rows
+             if hang.what == WHOLE and dump and dump[1] < world.timeout / 2 and not when]
+    if world.settings["use_shell"]:
+        for words in dict.fromkeys(f"{hang.what} {hang.how}" for hang in never):
+            yield SHELL, f"{words}: never found; switch it off"
+        return
+    for hang in [hang for hang in never + early if hang.what == WHOLE][:1]:
+        yield LIST, (f"{hang.process}: as a whole it is sampled twice in some scans, and so found "
+                     'never or in half the time; name its main thread in "thread"')
+    for hang in [hang for hang in never if hang.what != WHOLE][:1]:
+        change = mend(world, lambda other: not all(act for *_, (_, act, _) in rows_of(other, hang)))
+        if change:
+            yield "Config.scan", f"{hang.what} {hang.how}: never acted on beside an absent one; {change}"
 
 
 def property_warnings(world):
     lines = world.properties.decode("utf-8", "backslashreplace").split("\n")
-    pairs = dict(line.partition("=")[::2] for line in lines if line.startswith(PREFIX))
-    for name, value in pairs.items():
-        unset = world.properties + f"\n{name}=\n".encode()
-        without = world.daemon.read(world.document, unset)
-        if value and (without["settings"], without["idle"]) == (world.settings, world.idle):
+    values = dict(line.partition("=")[::2] for line in lines if line.startswith(PREFIX))
+    for name, value in values.items():
+        without = world.properties + f"\n{name}=\n".encode()
+        reading = world.daemon.read(json.dumps(world.document).encode(), without)
+        if value and (reading["settings"], reading["idle"]) == (world.settings, world.idle):
             rule = PROPERTIES.get(name.removeprefix(PREFIX), "there is no such property")
             yield name, f"{value!r} changes nothing: {rule}; remove it"
 
@@ -31,151 +139,53 @@ def property_warnings(world):
 def setting_warnings(world):
     """Whether to warn, key and text."""
     settings, policy = world.settings, world.settings["policy"]
-    binder = settings["binder_monitor"] or {"enable": False}
+    binder = settings["binder_monitor"] or {"enable": False, "timeout": 0}
     watches = settings["process_enable"] or binder["enable"]
-    detects = watches or settings["bw_enable"]
     is_silent = watches and not settings["debug"] and not world.idle
-    boards = settings["hw_list"]
+    is_large = not world.idle and world.work > MAX_WORK
+    is_off = world.idle and not settings["hw_list"]
     return [
-        (not detects, "Config",
+        (is_large, "Config", f"too much to be played: {world.work} samples in a time-out, more than "
+         f"{MAX_WORK}; watch less, or lower \"round\" for this check"),
+        (not watches and not settings["bw_enable"], "Config",
          'no detector is on, so the daemon idles; enable "monitor_process"'),
-        (detects and world.idle and not boards, "Config.switches.main",
+        (is_off and (watches or settings["bw_enable"]), "Config.switches.main",
          "off, so the daemon idles; switch it on"),
-        (is_silent and policy == "nothing", "Config.policy",
-         'nothing, with debug off: no line names who hung; switch "debug" on'),
-        (is_silent and policy == "kill", "Config.policy",
-         'kill, with debug off: no line names who was killed; switch "debug" on'),
+        (is_silent and policy in ("nothing", "kill"), "Config.policy",
+         f'{policy}, with debug off: no line names who hung; switch "debug" on'),
         (binder["enable"] and not binder["monitor_uids"], "Config.monitor_binder.monitor_uids",
          "empty: nobody is watched, in shell mode everyone; fill it"),
         (binder["enable"] and binder["timeout"] < settings["timeout"], PREFIX + "timeout",
-         f'"monitor_binder" keeps {binder.get("timeout", 0) // 1000} s, with longer intervals; '
-         'raise "timeout_second" instead')]
+         f'"monitor_binder" keeps {binder["timeout"] // 1000} s; raise "timeout_second" instead')]
 
 
 def name_warnings(world):
     """The names to warn of, key and text."""
-    settings, watched = world.settings, watched_processes(world.settings)
-    listed = [entry["process"] for entry in world.document["Config"]["monitor_process"].get("list", [])]
-    threads = [name for names in watched.values() for name in names]
-    binder = settings["binder_monitor"] or {"enable": False, "uid_map": {}, "monitor_uids": []}
-    users = list(binder["uid_map"])
-    groups = [list(watched), users if binder["enable"] else [],
+    is_shell, watched = world.settings["use_shell"], world.processes
+    entries = world.document["Config"]["monitor_process"].get("list", [])
+    listed = [entry["process"] for entry in entries]
+    binder = world.settings["binder_monitor"] or {"uid_map": {}, "monitor_uids": []}
+    groups = [watched, binder["uid_map"],
               *[{main_thread(name, names), *names} for name, names in watched.items()]]
     contained = [f"{name} in {other}" for group in groups for name in group for other in group
-                 if name != other and name in other]
-    nameless = [str(uid) for uid in binder["monitor_uids"] if uid not in binder["uid_map"].values()]
-    is_shell = settings["use_shell"]
+                 if name in other and name != other]
+    nameless = set(binder["monitor_uids"]) - set(binder["uid_map"].values())
     return [
         ([name for name in watched if listed.count(name) > 1], LIST,
          "listed twice, the second entry is dropped; merge them"),
-        ([name for name in threads if re.match(r"[Bb]inder:\d", name)], LIST,
-         'the name has a process id, which changes; use "monitor_binder"'),
+        ([name for name in sum(watched.values(), []) if re.match(r"[Bb]inder:\d", name)], LIST,
+         'holds a process id, which changes; use "monitor_binder"'),
         (contained * is_shell, SHELL, "grep finds both; rename or drop one"),
-        (nameless * (is_shell and binder["enable"]), "Config.monitor_binder.uid_map",
+        (sorted(map(str, nameless)) * is_shell, "Config.monitor_binder.uid_map",
          "no name: not watched, or everyone is, if no other has a name; add it")]
-
-
-def hang_warnings(world, rows):
-    """Of hangs that are found never, early, or late."""
-    half = world.timeout / 2
-    never = [(hang, when) for hang, when, answer in rows if not answer[1]]
-    early = [(hang, when) for hang, when, (dump, *_) in rows if dump and dump[1] < half and not when]
-    whole = [(hang, when) for hang, when in never + early if hang.what == "process as a whole"]
-    if world.settings["use_shell"]:
-        for what in {f"{hang.what} {hang.how}": None for hang, _ in never}:
-            yield SHELL, f"{what}: never found; switch it off"
-    elif whole:
-        name = whole[0][0].process
-        when = next((f" ({when})" for _, when in whole if when), "")
-        yield LIST, (f"{name}: as a whole it is sampled twice a scan{when}, so found never or in "
-                     'half the time; name its main thread in "thread"')
-    yield from late_warnings(world, rows)
-
-
-def first_dump(world):
-    """Of a task in D, at the earliest after it got stuck; and half the time-out."""
-    for hang in kinds(world.settings):
-        timeout = world.timeout
-        if not hang.process:
-            timeout = world.settings["binder_monitor"]["timeout"] / 1000
-        if hang.state == "state=D" and not hang.others:
-            dump = play_hang(world, [(hang, world.settings, (), 1)])[0][0]
-            return (dump or (0, 0))[0], timeout / 2
-    return 0, 0
-
-
-def late_warnings(world, rows):
-    dump, half = first_dump(world)
-    if dump <= half:
-        return
-    scan = world.document["Config"]["scan"]
-    shortest = scan["interval_min_second"]
-    rounds = sorted(range(2, 26, 2), key=lambda count: abs(count - world.settings["round"]))
-    paces = [{"round": count} for count in rounds]
-    paces += [{**pace, "interval_min_second": 1} for pace in paces if shortest > 1]
-    change = mend_of(world, paces, lambda other: first_dump(other)[0] <= half)
-    if change:
-        yield "Config.scan", (f"dumps come {dump - half:g} s late, as scans do not meet half the "
-                              f"time-out; set {change}")
-
-
-def overrun_warnings(world):
-    """When more tasks hang at once than the self-watchdog allows."""
-    tasks, longest, allowed = longest_turn(world)
-    if not tasks or longest < allowed:
-        return
-
-    def is_short(other):
-        _, its_longest, its_allowed = longest_turn(other)
-        return its_longest < its_allowed
-
-    change = mend_of(world, slower(world.settings), is_short)
-    if change:
-        yield "Config.scan.timeout_second", (
-            f"{tasks} tasks hung at once hold up a scan for {longest:g} s, and the self-watchdog "
-            f"ends the daemon after {allowed:g}; set {change}")
-
-
-def longest_turn(world):
-    """Of the scan loop, while a thread of each process and a pool of binder threads are hung: how
-    many, how long, and how long the self-watchdog allows (s)."""
-    device = Device(world.settings)
-    moment = f"@{begin_of(world.interval)} "
-    first = {}
-    for (process, _), task in device.tasks.items():
-        if process in watched_processes(world.settings):
-            first.setdefault(process, task)
-    steps = [f"{ZYGOTE} comm=zygote state=S", *device.at_rest().values()]
-    steps += [moment + task.moves("state=D") for task in first.values()]
-    tasks = len(first)
-    if device.binder_thread:
-        tasks += BINDER_POOL
-        steps += [f"{moment}900/{910 + n} comm=Binder:900_{n} state=D" for n in range(BINDER_POOL)]
-    end = begin_of(world.interval) + world.timeout
-    events = world.play([(world.settings, [f"until {int(end)}", *steps])])[0]
-    alarms = [(seconds, text) for seconds, text in events if text.startswith("alarm")]
-    turns = [after - before for (before, _), (after, _) in zip(alarms, alarms[1:])]
-    return tasks, max(turns, default=0), int(alarms[0][1].split()[1])
-
-
-def false_alarm_rows(world):
-    """"task", "seconds", "key" and "text" of each."""
-    alarms = false_alarms(world)
-    change = alarms and mend_of(world, slower(world.settings), lambda other: not false_alarms(other))
-    for alarm in alarms:
-        act = "acted on" if alarm.is_act else "dumped"
-        absent = f" while {alarm.absent} does not run" if alarm.absent else ""
-        mend = f"set {change}" if change else 'drop it from "thread"'
-        yield {"task": alarm.task, "seconds": alarm.seconds, "key": "Config.scan",
-               "text": f"{alarm.task} is well, but {alarm.cause}, and is {act} at "
-                       f"{alarm.seconds:g} s{absent}; {mend}"}
 
 
 def warnings(world, rows):
     """Key and text of each."""
-    told = [(key, text) for warns, key, text in setting_warnings(world) if warns]
-    told += [(key, f"{', '.join(names)}: {text}") for names, key, text in name_warnings(world) if names]
-    told += property_warnings(world)
+    yield from [(key, text) for warns, key, text in setting_warnings(world) if warns]
+    yield from [(key, f"{', '.join(names)}: {text}")
+                for names, key, text in name_warnings(world) if names]
+    yield from property_warnings(world)
     if rows:
-        told += [*hang_warnings(world, rows), *overrun_warnings(world)]
-    return told
+        yield from hang_warnings(world, rows)
+        yield from pace_warnings(world)
