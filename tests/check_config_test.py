@@ -1,112 +1,246 @@
-"""usage: check_config_test.py PLAY. Tests tools/check-config; PLAY is the program rehearse."""
-import itertools, json, pathlib, re, runpy, subprocess, sys, tempfile
+"""usage: check_config_test.py REHEARSE [TEST...]. Tests tools/check-config with the programs beside
+REHEARSE."""
+import json
+import os
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
 
-CHECK = pathlib.Path(__file__).resolve().parent.parent / "tools/check-config"
-TOOL = runpy.run_path(str(CHECK))
-FILES = tempfile.TemporaryDirectory()
-SAMPLE = (CHECK.parent.parent / "etc/tovrel.json").read_text()
-DOCUMENT = json.loads(SAMPLE)
-CONFIG, OWN, NO_NAMES = DOCUMENT["Config"], "persist.vendor.hg.", ["a b", "-a", "a;b", ""]
+REHEARSE = pathlib.Path(sys.argv.pop(1)).resolve()
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+SAMPLE = json.loads((ROOT / "etc/tovrel.json").read_text(encoding="utf-8"))["Config"]
+RANDOM_CONFIGURATIONS = int(os.environ.get("RANDOM_CONFIGURATIONS", "10"))
+PREFIX = "persist.vendor.hg."
+BINDER = {"enable": True, "monitor_uids": [9], "wchans": ["w"],
+          "uid_map": [{"name": "u9", "value": 9}]}
 
-def file_of(text):
-    file = pathlib.Path(tempfile.mkstemp(dir=FILES.name)[1])
-    file.write_text(text)
-    return file
 
-REFUSED = {  # at a key, which the fault names; beside null and wrong keys
-    "Config": [{k: CONFIG[k] for k in CONFIG if k != gone} for gone in CONFIG if gone != "policy"],
-    "Config.policy": ["Panic"], "Config.scan": [{"timeout_second": 60}, {"interval_min_second": 5}],
-    "Config.scan.timeout_second": [9, 3601, 60.5], "Config.scan.interval_min_second": [0, 11],
-    "Config.monitor_process.list[0].process": [*NO_NAMES, "bin/a"],
-    "Config.monitor_process.list[0].thread[0]": [*NO_NAMES, "surfaceflinger_1"],
-    "Config.monitor_binder.uid_map[0]": [{"name": name, "value": 1} for name in NO_NAMES],
-    "Config.monitor_binder.wchans[0]": ["0", "binder_thread_read"]}
+def watch(*names):
+    """The section for processes, "app:t1:t2" each."""
+    entries = [name.split(":") for name in names]
+    return {"enable": True, "list": [{"process": name, "thread": threads}
+                                     for name, *threads in entries]}
 
-def put_faults(parent, key, path):
-    node = parent[key]
-    wrong_keys = [{**node, "misspelt": 1}, {"enable": True}] if isinstance(node, dict) else []
-    for parent[key] in [None, *wrong_keys, *REFUSED.get(path, [])]:
-        faults = TOOL["check"](json.dumps(DOCUMENT).encode())[0]
-        assert any(fault.startswith(path) for fault in faults), (path, parent[key], faults)
-    parent[key] = node
-    indices = range(len(node)) if isinstance(node, list) else ()
-    for child in node if isinstance(node, dict) else indices:
-        put_faults(node, child, path + (f"[{child}]" if child in indices else f".{child}"))
 
-put_faults(DOCUMENT, "Config", "Config")
-for text, options, status, output in [
-        (SAMPLE, [], 0, "120 to 140"), (SAMPLE, ["--json"], 0, '"interval": 20000'),
-        (SAMPLE, ["/no/file"], 2, "/no/file"), (SAMPLE, [file_of(OWN + "timeout=4m")], 2, "4m"),
-        (SAMPLE, [file_of(OWN + "timeout=240")], 0, "Without the properties: Self-watchdog 240 s"),
-        (SAMPLE.replace("120", '120, "round": 6'), [], 1, "key 'round'"), ("{}", [], 1, "Config"),
-        ("[" * 99999, ["--json"], 1, '"valid": false'), (SAMPLE, ["--quiet"], 0, "^$")]:
-    done = subprocess.run([CHECK, file_of(text), *options], capture_output=True, text=True)
-    assert done.returncode == status and re.search(output, done.stdout + done.stderr), done
+def configuration(**sections):
+    """A calm one, with other sections."""
+    scan = {"timeout_second": 120, "interval_min_second": 5, "round": 6}
+    calm = {"switches": {"main": True, "debug": True}, "policy": "kill", "scan": scan,
+            "monitor_process": watch("app:app"), "monitor_binder": {}, "default_open_hw_list": {},
+            "black_white_list": {}}
+    return {"Config": {**calm, **sections}}
 
-def told(sections, properties="", scan=(120, 6, 5)):
-    """What is told of a calm configuration with these sections, and its file."""
-    names = ("timeout_second", "round", "interval_min_second", "timeout_min_second")
-    calm = {"switches": {"main": True}, "policy": "kill", "scan": dict(zip(names, scan))}
-    text = json.dumps({"Config": {key: {} for key in CONFIG} | calm | sections})
-    lines = "\n".join(OWN + line for line in properties.splitlines())
-    return TOOL["report"](text.encode(), TOOL["read_properties"](lines)), file_of(text)
 
-def watch(*processes):
-    entries = [{"process": name, "thread": threads} for name, *threads in processes]
-    return {"monitor_process": {"enable": True, "list": entries}}
+class Case(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.config = pathlib.Path(directory.name, "config.json")
+        self.properties = pathlib.Path(directory.name, "properties")
+        self.properties.write_text("")
 
-# Every stage of a hang comes within its window, first or last as it begins before or after a scan.
-SHELL = {"switches": {"main": True, "use_shell": True}}
-BINDER = {"monitor_binder": {"enable": True, "monitor_uids": [9], "wchans": ["D"], "uid_map": [
-    {"name": "u", "value": 7}, {"name": "uu", "value": 8}]}}
-APP, THREAD = "100 app {s} ppid=30 runs={r}", "100/101 Binder:1 {s} ppid=30 uid=9 runs={r}"
-PLAYED = [  # kind of window, sections, and the steps that make a calm task and a hung one
-    ("process or thread", watch(["app", "t"]) | BINDER, [APP, THREAD.replace("Binder:1", "t")]),
-    ("whole process of one thread", watch(["app"]) | BINDER, [APP]),
-    ("never", watch(["app"]) | BINDER, [APP, "100/101 x S utime=99"]),
-    ("binder thread", BINDER, [APP, THREAD]), ("missing thread", watch(["app", "t"]), [APP]),
-    ("binder thread", BINDER | SHELL, [THREAD.replace("{s}", "S wchan={s}")]),
-    ("the same, beside a missing one", watch(["app"], ["ghost"]), [APP])]
-NEW, LOOSE = PLAYED[-3:-1], PLAYED[-2:]  # without a calm time; may come within the window
+    def check(self, *options, stdout=subprocess.PIPE):
+        command = [ROOT / "tools/check-config", "--build", REHEARSE.parent, self.config, *options]
+        return subprocess.run(command, stdout=stdout, stderr=subprocess.PIPE, text=True,
+                              timeout=120, check=False)
 
-def play(played, scan, raised, is_late):
-    """Compares a window with the dump and the acts of the daemon. Times are in ms."""
-    kind, sections, steps = played
-    result, file = told(sections, f"timeout={raised}", scan)
-    window = result["windows"].get(kind)
-    start = 5 * result["settings"]["interval"] // 1000 + is_late
-    world = f"until {start + 5 * max(*scan, raised)};prop {OWN}timeout={raised};30 zygote S"
-    calm = [";" + step.format(s="S", r=5) for step in steps] * (played not in NEW)
-    hung = [f";@{start} " + step.format(s="D", r=6) for step in steps]
-    events = subprocess.check_output([sys.argv[1], file, "".join([world, *calm, *hung])], text=True)
-    kills = re.findall(r"^(\S+) kill \d+ (\d+)", events, re.M)
-    times = [1000 * float(t) for t, s in kills[:1] + [kill for kill in kills if kill[1] == "9"]]
-    assert (len(times) > 2) == bool(times) == bool(window), (kind, scan, times)
-    waits = [time - since for time, since in zip(times, [1000 * start] * 2 + times[1:])]
-    for wait, (least, most) in zip(waits, (window or {}).values()):
-        assert least - 9 <= wait <= most + 9, (kind, scan, is_late, times)
-    assert not window or played in LOOSE or abs(waits[0] - window["dump"][is_late]) <= 1000, played
+    def told(self, document, properties=""):
+        self.config.write_text(json.dumps(document))
+        self.properties.write_text(properties)
+        return json.loads(self.check(self.properties, "--json").stdout)
 
-SCANS = [((120, 5, 5), 0), ((60, 12, 5), 200), ((15, 1, 10), 0), ((10, 8, 2, 40), 0)]
-for played, scan, is_late in itertools.product(PLAYED, SCANS, (False, True)):
-    play(played, *scan, is_late)
 
-# A valid setting that surprises is named by its key, and no other.
-OFF, NONE = {"switches": {"main": False}, "policy": "nothing"}, {"monitor_process": {}}
-DOG = watch(["a", "dog", "watchdog"]) | {"monitor_binder": {"monitor_uids": [9]}}
-TWINS, WCHAN = watch(["a", "a"], ["a"], ["app", "t"]), {"monitor_binder": {"wchans": ["w"]}}
-LISTS = {k: CONFIG[k] | {"enable": True, "list": ["b"]} for k in CONFIG if k.endswith("_list")}
-for keys, sections, *rest in [
-        ("", OFF | NONE | LISTS), ("", DOG, "", (64, 8, 5)), ("Config switches.main", OFF | NONE),
-        ("", OFF | BINDER, "enable=1\ndebug=true\ntimeout=0x77"),
-        ("policy", {"policy": "nothing"} | watch(["app"]), "timeout=240"),
-        ("scan.interval_min_second scan.timeout_second", DOG, "", (60, 12, 8)),
-        ("monitor_process.list ~timeout", watch(["app"]) | BINDER, "timeout=240"),
-        ("monitor_process.list monitor_process.list", TWINS),
-        ("switches.use_shell", DOG | SHELL, "", (60, 6, 5)), ("scan.round", SHELL, "", (100, 6, 5)),
-        ("monitor_process.list switches.use_shell", TWINS | SHELL),
-        ("monitor_binder.uid_map switches.use_shell ~processes", BINDER | SHELL,
-         "processes=c b:" + 16 * "n"), ("monitor_binder.monitor_uids", WCHAN, "binder=1")]:
-    found = told(watch(["app", "t"]) | sections, *rest)[0]["warnings"]
-    named = sorted(key.replace(OWN, "~").removeprefix("Config.") for key, _ in found)
-    assert named == keys.split(), (keys, found)
+class Faults(Case):
+    def test_valid_only_in_the_wrong_place(self):
+        bad_names = ["a b", "-a", "a;b", "", "a\n", "a\x1b[2J"]
+        table = {
+            "policy": ["Panic", None],
+            "scan": [{"timeout_second": 60}, {"interval_min_second": 5}],
+            "scan.timeout_second": [9, 3601, 60.5, "60", 10 ** 4000],
+            "scan.interval_min_second": [0, 11],
+            "monitor_process.list.0.process": [*bad_names, "bin/a"],
+            "monitor_process.list.0.thread.0": [*bad_names, "surfaceflinger_1"],
+            "monitor_binder.uid_map.0.name": bad_names,
+            "monitor_binder.wchans.0": ["0", "binder_thread_read", "w\n"]}
+        for path, values in table.items():
+            for value in values:
+                with self.subTest(path=path, value=str(value)[:20]):
+                    document = {"Config": json.loads(json.dumps(SAMPLE))}
+                    *parents, last = [int(key) if key.isdigit() else key
+                                      for key in ["Config", *path.split(".")]]
+                    node = document
+                    for key in parents:
+                        node = node[key]
+                    node[last] = value
+                    self.config.write_text(json.dumps(document))
+                    done = self.check("--schema-only")
+                    self.assertEqual(done.returncode, 1, done)
+                    words = "Config." + re.sub(r"\.(\d+)", r"[\1]", path)
+                    self.assertIn(words, done.stderr)
+                    self.assertTrue(done.stderr.replace("\n", "").isprintable())
+
+    def test_bad_input_ends_with_a_line(self):
+        valid = json.dumps(configuration())
+        table = [  # content, status, words
+            ("{}", 1, "'Config' is a required property"),
+            (valid.replace("120", '120, "round": 6'), 1, "key 'round' stands twice"),
+            (valid.replace("120", "9" * 5000), 1, "digits"),
+            (valid.replace("120", "NaN"), 1, "NaN"),
+            (valid.replace('"kill"', "[" * 900 + "]" * 900), 1, "policy|deep"),
+            ("[" * 99999, 1, "deep"),
+            (valid.replace('{"Config"', '{"$schema": "\\ud800", "Config"'), 1, "config file failed"),
+            (json.dumps({"Config": {str(i): 1 for i in range(40000)}}), 1, "Additional"),
+            (valid.replace('"kill"', json.dumps([{}, 1] * 99999)), 1, "policy"),
+            (" " * 50_000_000, 2, "larger")]
+        for content, status, words in table:
+            with self.subTest(content=content[:60], words=words):
+                self.config.write_text(content)
+                done = self.check()
+                self.assertEqual(done.returncode, status, done.stderr[:500])
+                self.assertRegex(done.stderr, words)
+                self.assertNotIn("Traceback", done.stderr)
+                self.assertLess(len(done.stderr), 10000)
+
+    def test_files_and_outputs_that_are_none(self):
+        self.config.write_text(json.dumps(configuration()))
+        fifo = self.config.with_name("fifo\x1b")
+        os.mkfifo(fifo)
+        for properties in (fifo, "/dev/zero", "/", "/no/file"):
+            done = self.check(properties)
+            self.assertEqual((done.returncode, done.stderr.count("\n")), (2, 1), done)
+            self.assertTrue(done.stderr[:-1].isprintable())
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            done = self.check("--schema-only", stdout=full)
+            self.assertEqual((done.returncode, done.stderr.count("\n")), (2, 1), done)
+        done = self.check("--build", "/no/build")
+        self.assertEqual(done.returncode, 2)
+        self.assertIn("cmake --build", done.stderr)
+
+
+class Warnings(Case):
+    def test_sample_has_none(self):
+        told = self.told({"Config": SAMPLE})
+        self.assertEqual((told["faults"], told["false_alarms"], told["warnings"]), ([], [], []))
+
+    def test_each_names_its_key_and_ends_with_its_mend(self):
+        off, shell = {"main": False}, {"main": True, "debug": True, "use_shell": True}
+        slow = {"timeout_second": 120, "interval_min_second": 5, "round": 5}
+        short = {"timeout_second": 10, "interval_min_second": 1, "round": 10}
+        three = watch("a:a", "b:b", "c:c")
+        table = [  # key, what brings it, properties, what ends it
+            ("switches.main", {"switches": off}, "", {"switches": {"main": True, "debug": True}}),
+            ("Config", {"monitor_process": {}}, "", {}),
+            ("policy", {"switches": {"main": True}}, "", {"policy": "reboot"}),
+            ("monitor_process.list", {"monitor_process": watch("a:a", "a:b")}, "", {}),
+            ("monitor_process.list", {"monitor_process": watch("a", "b:b")}, "", {}),
+            ("monitor_process.list", {"monitor_process": watch("a"), "monitor_binder": BINDER}, "",
+             {"monitor_process": watch("a:a")}),
+            ("monitor_process.list", {"monitor_process": {"enable": True, "list": [
+                {"process": "a", "thread": ["Binder:1_2"]}]}}, "", {}),
+            ("monitor_binder.monitor_uids", {"monitor_binder": {"wchans": ["w"]}}, "binder=1", {}),
+            ("switches.use_shell", {"switches": shell, "monitor_process": watch("a:a", "ab:ab")},
+             "", {"monitor_process": watch("a:a", "b:b")}),
+            ("scan", {"scan": slow}, "", {"scan": {**slow, "round": 6}}),
+            ("scan", {"scan": short, "monitor_process": three, "monitor_binder": BINDER}, "", {}),
+            ("~timeout", {"monitor_binder": BINDER}, "timeout=240", {}),
+            *[("~" + line.split("=")[0], {}, line, {}) for line in
+              ("policy=nothing", "enable=TRUE", "timeout=60", "no_such=1", "enable=1\r")],
+            ("~processes", {"monitor_process": {}, "monitor_binder": BINDER}, "processes=a", {})]
+        for key, sections, line, mend in table:
+            with self.subTest(key=key, line=line, sections=sections):
+                told = self.told(configuration(**sections), line and PREFIX + line)
+                keys = [warning["key"] for warning in told["warnings"]]
+                full = key.replace("~", PREFIX) if key[0] in "~C" else f"Config.{key}"
+                self.assertEqual(set(keys), {full}, told["warnings"])
+                if mend is not None:
+                    told = self.told(configuration(**{**sections, **mend} if mend else {}))
+                    self.assertEqual(told["warnings"], [])
+
+    def test_a_watchdog_that_sleeps_is_dumped_beside_an_absent_process(self):
+        processes = watch("app:watchdog", "other:other")
+        told = self.told(configuration(monitor_process=processes))
+        self.assertEqual([alarm["task"] for alarm in told["false_alarms"]], ["watchdog"])
+        seconds, = re.findall(r'"timeout_second" to (\d+)', told["false_alarms"][0]["text"])
+        scan = {"timeout_second": int(seconds), "interval_min_second": 5, "round": 6}
+        told = self.told(configuration(monitor_process=processes, scan=scan))
+        self.assertEqual(told["false_alarms"], [])
+
+
+class Daemon(Case):
+    """What is told, against the daemon played without check-config."""
+
+    TASKS = {  # steps of the task at rest, what makes it stuck, and its kind
+        "foo": ("100 foo S ppid=30", "100 state=D runs=6",
+                ("process as a whole", "main thread in D, no others")),
+        "bar:bar:t1": ("200 bar S ppid=30; 200/201 t1 S", "200/201 state=D runs=6",
+                       ("thread", "in D")),
+        "dog:watchdog": ("300 dog S ppid=30; 300/301 watchdog R", "300/301 state=S runs=6",
+                         ('thread "watchdog"', "asleep"))}
+    BINDER_TASK = ("400 x S; 400/401 Binder:400_1 S uid=9 user=u9", "400/401 state=D runs=6",
+                   ("known binder thread", "in D"))
+
+    def random_case(self, rng):
+        """A configuration, properties, steps at rest, and the task to get stuck."""
+        names = rng.sample(list(self.TASKS), rng.randint(1, 3))
+        tasks = [self.TASKS[name] for name in names]
+        lines = [f"timeout={rng.choice([20, 200, 1000])}", f"policy={rng.choice(['kill', 'panic'])}"]
+        scan = {"timeout_second": rng.randint(10, 300), "round": rng.randint(1, 12),
+                "timeout_min_second": rng.choice([0, 60]),
+                "interval_min_second": rng.randint(1, 10)}
+        switches = {"main": True, "use_shell": rng.random() < 0.3}
+        sections = {"scan": scan, "switches": switches, "monitor_process": watch(*names),
+                    "policy": rng.choice(["kill", "reboot", "panic", "nothing"])}
+        if rng.random() < 0.5:
+            sections["monitor_binder"] = BINDER
+            tasks.append(self.BINDER_TASK)
+        lines = rng.sample(lines, rng.randint(0, 2))
+        if rng.random() < 0.3 and "foo" in names:
+            lines.append("processes=foo:foo")
+            tasks[names.index("foo")] = (*self.TASKS["foo"][:2], ("thread", "in D"))
+        return configuration(**sections), [PREFIX + line for line in lines], tasks, rng.choice(tasks)
+
+    def test_settings_and_hangs_of_random_configurations(self):
+        for seed in range(RANDOM_CONFIGURATIONS):
+            with self.subTest(seed=seed):
+                rng = random.Random(seed)
+                document, lines, tasks, (_, stuck, kind) = self.random_case(rng)
+                told = self.told(document, "\n".join(lines))
+                settings = told["settings"]
+                interval, timeout = settings["interval"] // 1000, settings["timeout"] // 1000
+                begin = 4 * interval + rng.randint(0, interval)
+                steps = [f"prop {line}" for line in lines] + [task[0] for task in tasks] + [
+                    "30 zygote S", f"@{begin} {stuck}", "prop debug=1", "turns 100000",
+                    f"until {begin + 4 * (timeout + interval)}",
+                    "watch alarm|kill|kmsg|reboot|I nothing to do|I monitor|D  *(monitor|thread)"]
+                events = subprocess.run([REHEARSE, self.config, ";".join(steps)], text=True,
+                                        capture_output=True, check=True).stdout
+                self.compare_settings(settings, events)
+                row, = [row for row in told["hangs"] if not row["when"]
+                        and (row["what"], row["how"]) == kind]
+                self.compare_times(row, begin, events)
+
+    def compare_settings(self, settings, events):
+        turns = [float(seconds) for seconds in re.findall(r"^(\S+) alarm", events, re.M)]
+        self.assertEqual(1000 * (turns[1] - turns[0]), settings["interval"])
+        self.assertIn(f" alarm {settings['timeout'] // 500}\n", events)
+        table = re.findall(r"D monitor process: (.*)|D   thread: (.*)", events)
+        whole = [name for name, threads in settings["process_list"].items() if not threads]
+        listed = [*settings["process_list"], *sum(settings["process_list"].values(), []), *whole]
+        self.assertEqual(sorted(process or thread for process, thread in table), sorted(listed))
+
+    def compare_times(self, row, begin, events):
+        dump = re.findall(r"^(\S+) kill \d+ (?:3|35)$", events, re.M)
+        act = re.findall(r"^(\S+) (?:kmsg|kill \d+ 9$|I nothing)", events, re.M)
+        for name, times in (("dump", dump), ("act", act)):
+            self.assertEqual(bool(times), bool(row[name]), (row, events))
+            if times:
+                earliest, latest = row[name]
+                self.assertTrue(earliest <= float(times[0]) - begin <= latest, (row, events, begin))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -64,6 +64,10 @@ class World:
         return self.settings["process_list"] if self.settings["process_enable"] else {}
 
     @property
+    def effect(self):
+        return self.idle, {**self.settings, "process_list": self.processes}
+
+    @property
     def work(self):
         """Samples in a time-out."""
         tasks = sum(len(threads) or 1 for threads in self.processes.values()) + 1

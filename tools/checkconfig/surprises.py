@@ -1,7 +1,7 @@
 """Warnings: valid settings that will surprise, each with the change that ends it."""
-import json
 import re
 
+from .daemon import World
 from .device import BINDER, ZYGOTE, Device, main_thread
 from .hangs import WHOLE, answers_of, begin_of, kinds, responses, rows_of, variants_without
 from .reading import PREFIX
@@ -74,7 +74,7 @@ def overrun_text(world):
         thread = device.binder_thread
         thread.ids = f"{BINDER}/{BINDER + 1 + number}"
         steps.append(moment + thread.comes("state=D"))
-    until = f"until {int(begin_of(world) + world.timeout)}"
+    until = f"until {int(begin_of(world) + world.timeout) + 10 * (len(hung) + len(pool))}"
     turns = [(seconds, text) for seconds, text in world.play([(world.processes, [until, *steps])])[0]
              if text.startswith("alarm")]
     allowed = int(turns[0][1].split()[1])
@@ -130,8 +130,7 @@ def property_warnings(world):
     values = dict(line.partition("=")[::2] for line in lines if line.startswith(PREFIX))
     for name, value in values.items():
         without = world.properties + f"\n{name}=\n".encode()
-        reading = world.daemon.read(json.dumps(world.document).encode(), without)
-        if value and (reading["settings"], reading["idle"]) == (world.settings, world.idle):
+        if value and World(world.daemon, world.document, without).effect == world.effect:
             rule = PROPERTIES.get(name.removeprefix(PREFIX), "there is no such property")
             yield name, f"{value!r} changes nothing: {rule}; remove it"
 
