@@ -71,6 +71,7 @@ std::string escaped(const std::string& event) {
 void write_events() {
     if (device->settings["sorted"] != 0) std::sort(events_of_now.begin(), events_of_now.end());
     std::ostringstream lines;
+    lines.precision(9);  // milliseconds, for days
     const double seconds = (time_of_events - device->start_ms) / 1000.0;
     for (const std::string& event : events_of_now) lines << seconds << ' ' << event << '\n';
     events_of_now.clear();

@@ -111,7 +111,7 @@ def play_of(world, hang, processes, absent, parent):
 
 def answer_of(world, hang, tid, events):
     """Seconds of the dump, the first act and from one act to the next, each [earliest, latest]: it
-    got stuck right before the scan that finds it so, or right after the one before. None: never."""
+    got stuck right before the scan that finds it so, or right after the one before. Empty: never."""
     turns = [seconds for seconds, text in events if text.startswith("alarm")]
     scan = next(seconds for seconds in turns if seconds >= begin_of(world))
     scan_before = max(seconds for seconds in turns if seconds < scan)
@@ -120,9 +120,9 @@ def answer_of(world, hang, tid, events):
     dumps = [response.seconds for response in ours if not response.is_act]
     acts = [response.seconds for response in ours if response.is_act]
     waits = [after - before for before, after in zip(acts, acts[1:])]
-    stages = [(times[0] - scan, times[0] - scan_before) if times else None
-              for times in (dumps, acts)]
-    return *stages, (min(waits), max(waits)) if waits else None
+    windows = [(times[0] - scan, times[0] - scan_before) if times else ()
+               for times in (dumps, acts)] + [(min(waits), max(waits)) if waits else ()]
+    return tuple(tuple(round(seconds, 3) for seconds in window) for window in windows)
 
 
 def answers_of(world, hang, variants):
@@ -140,7 +140,7 @@ def union(answers):
     """Of windows; never only where all say so."""
     told = [[window for window in windows if window] for windows in zip(*answers)]
     return tuple((min(low for low, _ in windows), max(high for _, high in windows))
-                 if windows else None for windows in told)
+                 if windows else () for windows in told)
 
 
 def circumstances(world, hang):

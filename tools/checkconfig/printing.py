@@ -57,6 +57,8 @@ def say_table(rows):
     lines = {}
     for hang, when, answer in rows:
         lines.setdefault((hang.what, when, answer), []).append(hang.how)
+    if not lines:
+        return
     say()
     say("Seconds after a task got stuck".ljust(FIRST) +
         "".join(word.rjust(CELL) for word in ("dump", "act", "then each")))
