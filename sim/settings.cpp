@@ -6,7 +6,6 @@
 // touched.
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -28,13 +27,8 @@ Json::Value array_of(const Items& items) {
     return array;
 }
 
-Json::Value processes_of(const ProcessList& list) {
-    Json::Value processes(Json::objectValue);
-    for (const auto& [name, threads] : list) processes[name] = array_of(threads);
-    return processes;
-}
+// The detectors are null where they were not built, as in Config.
 
-// Null where the detector was not built, as in Config.
 Json::Value json_of(const BinderMonitor* monitor) {
     Json::Value fields;
     if (monitor == nullptr) return fields;
@@ -58,12 +52,6 @@ Json::Value json_of(const BlackWhiteList* module) {
     return fields;
 }
 
-Json::Value json_of(const ProcessMonitor* monitor) {
-    Json::Value fields;
-    if (monitor != nullptr) fields["enable"] = monitor->enable;
-    return fields;
-}
-
 const char* word_of(int32_t policy) {
     for (const char* word : {"kill", "reboot", "panic"}) {
         if (policy_of(word) == policy) return word;
@@ -71,7 +59,6 @@ const char* word_of(int32_t policy) {
     return "nothing";
 }
 
-// Which one of the detectors a module is.
 const char* name_of(const Module* module, const Config& config) {
     if (module == config.binder_monitor) return "binder_monitor";
     return module == config.black_white_list ? "black_white_list" : "process_monitor";
@@ -87,7 +74,7 @@ Json::Value json_of(const Config& config) {
     fields["hw_enable"] = config.hw_enable;
     fields["bw_enable"] = config.bw_enable;
     fields["policy"] = word_of(config.policy);
-    fields["bw_mode"] = config.bw_mode == kWhiteList ? "white" : "black";
+    fields["bw_mode"] = config.bw_mode;
     fields["timeout"] = Json::Int64{config.timeout};
     fields["timeout_min"] = Json::Int64{config.timeout_min};
     fields["interval"] = Json::Int64{config.interval};
@@ -95,10 +82,16 @@ Json::Value json_of(const Config& config) {
     fields["log_timeout"] = Json::Int64{config.log_timeout};
     fields["round"] = config.round;
     fields["hw_list"] = array_of(config.hw_list);
-    fields["process_list"] = processes_of(config.process_list);
-    fields["process_monitor"] = json_of(config.process_monitor);
-    fields["black_white_list"] = json_of(config.black_white_list);
+    fields["process_list"] = Json::Value(Json::objectValue);
+    for (const auto& [process, threads] : config.process_list) {
+        fields["process_list"][process] = array_of(threads);
+    }
     fields["binder_monitor"] = json_of(config.binder_monitor);
+    fields["black_white_list"] = json_of(config.black_white_list);
+    fields["process_monitor"] = Json::Value();
+    if (config.process_monitor != nullptr) {
+        fields["process_monitor"]["enable"] = config.process_monitor->enable;
+    }
     fields["modules"] = Json::Value(Json::arrayValue);
     for (const Module* module : config.modules) fields["modules"].append(name_of(module, config));
     return fields;
@@ -108,15 +101,13 @@ Json::Value json_of(const Config& config) {
     Json::Value result;
     result["errors"] = Json::Value(Json::arrayValue);
     device.on_event = [&result](const std::string& event) {
-        const bool is_error = android::base::StartsWith(event, "E ");
-        if (is_error) result["errors"].append(event.substr(2));
+        if (event.rfind("E ", 0) == 0) result["errors"].append(event.substr(2));
     };
     Config& config = Config::get();
     read_config_file(&config);
     result["settings"] = json_of(config);
     result["idle"] = !config.enable;
-    const bool is_written = android::base::WriteStringToFd(result.toStyledString(), STDOUT_FILENO);
-    if (!is_written) fail("cannot write");
+    REQUIRE(android::base::WriteStringToFd(result.toStyledString(), STDOUT_FILENO));
     end_play();
 }
 

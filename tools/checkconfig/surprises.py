@@ -3,8 +3,7 @@ import re
 
 from .daemon import World
 from .device import BINDER, ZYGOTE, Device, main_thread
-from .hangs import (WHOLE, answers_of, begin_of, kinds, others_of, responses, rows_of,
-                    variants_without)
+from .hangs import WHOLE, begin_of, others_of, responses, variants_without
 from .reading import PREFIX
 
 LIST, SHELL, SCAN = "Config.monitor_process.list", "Config.switches.use_shell", "Config.scan"
@@ -12,66 +11,32 @@ LONG = 10  # time-outs of a healthy life
 MAX_ABSENT = 8  # tasks in turn
 MAX_WORK = 1000  # samples in a time-out: more would take minutes to be played
 BINDER_POOL = 16  # threads that a process has for binder calls, as a rule
-PROPERTIES = {  # what has an effect
-    "enable": "only true or 1 has an effect, where the daemon is off",
-    "debug": "only true or 1 has an effect, where debug is off",
-    "binder": 'only true or 1 has an effect, with "monitor_uids" or "wchans" in the file',
-    "timeout": "only seconds above the file's have an effect",
-    "policy": 'only another one of "panic", "reboot" and "kill" has an effect',
-    "processes": 'only new names have an effect, with "monitor_process" on'}
 
-
-# What is wrong with a pace, in words: each of these may hold for a world.
 
 def false_alarms(world):
-    """The first dump or act of each task on a device where nothing hangs, as it is and with each
-    process, and a thread of each, absent in turn."""
-    seconds = int(LONG * world.timeout)
-    absent = [(name,) for name in world.processes]
-    absent += [(name, thread) for name in world.processes
-               for thread in others_of(name, world.processes)[:2] if thread != "watchdog"]
-    variants = [(world.processes, ())]
+    """Task, seconds and text for the first dump or act of each task on a device where nothing
+    hangs: as it is, and with each process, and threads of each, absent in turn."""
+    seconds, processes = int(LONG * world.timeout), world.processes
+    absent = [(name,) for name in processes] + [
+        (name, thread) for name in processes for thread in others_of(name, processes)[:2]]
+    variants = [(processes, ())]
     for one in absent[:MAX_ABSENT]:
-        variants += variants_without(world.processes, one)
-    plays = [(processes, [f"until {seconds}", f"{ZYGOTE} comm=zygote state=S",
-                          *Device(world, processes, {one}).healthy_life(seconds)])
-             for processes, one in variants]
+        variants += variants_without(processes, one)
+    plays = [(listed, [f"until {seconds}", f"{ZYGOTE} comm=zygote state=S",
+                       *Device(world, listed, {one}).healthy_life(seconds)])
+             for listed, one in variants]
     found = {}
     for (_, one), events in zip(variants, world.play(plays)):
         for response in responses(events):
             if response.name not in one:
-                found.setdefault((response.name, response.state), alarm_of(response, one))
-    return list(found.values())
-
-
-def alarm_of(response, absent):
-    cause = "sleeps for 30 s" if response.state == "S" else "is blocked at one scan"
-    act = "acted on" if response.is_act else "dumped"
-    where = " beside an absent one" if absent else ""
-    return {"task": response.name, "seconds": response.seconds,
-            "text": f"{response.name} is well, but {cause}, and is {act} at {response.seconds:g} s"
-                    f"{where}"}
-
-
-def thread_in_d(world):
-    """The plain case, none where no thread or process is watched, or not in the walk."""
-    is_walked = not world.settings["use_shell"]
-    return [hang for hang in kinds(world) if is_walked and hang.process and hang.state == "D"
-            and hang.how != "missing" and not hang.others][-1:]
-
-
-def late_dumps(world):
-    half = world.timeout / 2
-    answers = [answer for hang in thread_in_d(world)
-               for answer in answers_of(world, hang, [(world.processes, ())])]
-    return [f"dumps come {dump[0] - half:g} s late" for dump, *_ in answers
-            if dump and dump[0] > half]
-
-
-def never_acted_on(world):
-    return [f"{hang.what} {hang.how}: never acted on while {when}"
-            for hang in thread_in_d(world) if hang.what != WHOLE
-            for _, when, (_, act, _) in rows_of(world, hang) if not act][:1]
+                found.setdefault((response.name, response.state), (response, one))
+    for response, one in found.values():
+        cause = "sleeps for 30 s" if response.state == "S" else "is blocked at one scan"
+        act = "acted on" if response.is_act else "dumped"
+        where = " beside an absent one" if one else ""
+        yield {"task": response.name, "seconds": response.seconds,
+               "text": f"{response.name} is well, but {cause}, and is {act} at "
+                       f"{response.seconds:g} s{where}"}
 
 
 def overruns(world):
@@ -90,35 +55,30 @@ def overruns(world):
     turns = [(seconds, text) for seconds, text in events if text.startswith("alarm")]
     longest = max(after - before for (before, _), (after, _) in zip(turns, turns[1:]))
     allowed = int(turns[0][1].split()[1])
-    return [f"{count} tasks hung at once hold up a scan for {longest:g} s, and the self-watchdog "
-            f"ends the daemon after {allowed}"] * (longest >= allowed)
+    if longest >= allowed:
+        yield (f"{count} tasks hung at once hold up a scan for {longest:g} s, and the "
+               f"self-watchdog ends the daemon after {allowed}")
 
 
 def pace_surprises(world):
-    """False alarms, and texts, each with a change that ends them all."""
-    wrong = {find: find(world) for find in (false_alarms, late_dumps, overruns, never_acted_on)}
-    wrong = {find: texts for find, texts in wrong.items() if texts}
+    """False alarms and warnings, with a pace that ends them all."""
+    alarms, texts = list(false_alarms(world)), list(overruns(world))
+    wrong = [false_alarms] * bool(alarms) + [overruns] * bool(texts)
     change = mend(world, wrong) if wrong else ""
-    alarms = wrong.pop(false_alarms, [])
     for alarm in alarms:
-        alarm["key"] = SCAN
-        alarm["text"] += f"; {change or 'watch it no longer'}"
-    return alarms, [(SCAN, f"{text}; {change}") for texts in wrong.values() for text in texts
-                    if change]
+        alarm.update(key=SCAN, text=f"{alarm['text']}; {change or 'watch it no longer'}")
+    return alarms, [(SCAN, f"{text}; {change}") for text in texts if change]
 
 
 def mend(world, wrong):
     """The first other pace with which nothing of that is wrong, in words."""
-    rounds = sorted(range(2, 26, 2), key=lambda count: abs(count - world.settings["round"]))[:5]
-    paces = [{"round": count} for count in rounds]
-    paces += [{"round": count, "interval_min_second": 1} for count in rounds]
-    for factor in (2, 3, 4, 6, 8):
-        timeout = {"timeout_second": min(3600, int(factor * world.timeout))}
-        paces += [timeout, *[{**timeout, "round": count} for count in rounds]]
-    for pace in paces:
-        changed = world.changed("scan", **pace)
-        if not any(find(changed) for find in wrong):
-            return "set " + " and ".join(f'"{key}" to {value}' for key, value in pace.items())
+    rounds = (world.settings["round"], 4, 6, 8, 12)
+    for factor in (1, 2, 3, 4, 6, 8):
+        for count in rounds:
+            pace = {"timeout_second": min(3600, int(factor * world.timeout)), "round": count}
+            changed = world.changed("scan", **pace)
+            if not any(any(find(changed)) for find in wrong):
+                return "set " + " and ".join(f'"{key}" to {value}' for key, value in pace.items())
     return ""
 
 
@@ -142,8 +102,7 @@ def property_warnings(world):
     for name, value in values.items():
         unset = world.properties + f"\n{name}=\n".encode()
         if value and World(world.daemon, world.document, unset).effect == world.effect:
-            rule = PROPERTIES.get(name.removeprefix(PREFIX), "there is no such property")
-            yield name, f"{value!r} changes nothing: {rule}; remove it"
+            yield name, f"{value!r} changes nothing, or is no value of it; remove it"
 
 
 def setting_warnings(world):
