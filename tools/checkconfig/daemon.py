@@ -9,6 +9,8 @@ import subprocess
 
 from .reading import Refused
 
+MAX_SAMPLES = 600  # in a time-out
+
 # With debug on the daemon names a task before each act. It does nothing but write log lines.
 WATCH = ("prop debug=1;turns 1000000;"
          "watch alarm|kill|kmsg|I nothing to do|I thread: |I [^ ]+ [0-9]+ state=. wchan=")
@@ -68,10 +70,10 @@ class World:
         return self.idle, {**self.settings, "process_list": self.processes}
 
     @property
-    def work(self):
-        """Samples in a time-out."""
-        tasks = sum(len(threads) or 1 for threads in self.processes.values()) + 1
-        return int(tasks * self.timeout / self.interval)
+    def is_small(self):
+        """Whether it can be played in less than a minute."""
+        tasks = sum(len(threads) or 1 for threads in self.processes.values())
+        return tasks * self.timeout / self.interval <= MAX_SAMPLES
 
     def changed(self, section, **changes):
         """The same with another pace, or the like."""

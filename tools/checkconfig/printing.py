@@ -28,7 +28,7 @@ def describe(world, board):
         rows.append(("Boards", f"{', '.join(settings['hw_list'])}; on any other the daemon idles"))
     if world.idle:
         rows.append(("Idle", "the daemon does nothing"))
-    else:
+    elif world.is_small:
         rows.append(("Without zygote", without_zygote(world)))
     for title, text in rows:
         for line in textwrap.wrap(f"{title:16}{text}", WIDTH, subsequent_indent=" " * 16):

@@ -14,9 +14,9 @@ except ImportError:
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PREFIX = "persist.vendor.hg."
-MAX_BYTES = 1 << 20
-MAX_FAULTS, MAX_FAULT_LENGTH = 20, 300
-PATIENCE = 5  # s for the schema: some lists of thousands take hours
+MAX_BYTES = 1 << 18  # some hundred configurations
+MAX_FAULTS = 20
+PATIENCE = 3  # s for the schema: some lists of thousands take hours
 
 
 class Refused(Exception):
@@ -67,7 +67,7 @@ def schema_faults(document, part=""):
     signal.signal(signal.SIGVTALRM, lose_patience)
     signal.setitimer(signal.ITIMER_VIRTUAL, PATIENCE)
     faults = itertools.islice(jsonschema.Draft7Validator(schema).iter_errors(document), MAX_FAULTS)
-    texts = [f"{fault.json_path.removeprefix('$.')}: {fault.message}"[:MAX_FAULT_LENGTH]
+    texts = [f"{fault.json_path.removeprefix('$.')}: {shortened(fault.message)}"
              for fault in faults]
     signal.setitimer(signal.ITIMER_VIRTUAL, 0)
     return texts
@@ -82,7 +82,11 @@ def check(content):
     except RecursionError:
         return ["nested too deeply"], None
     except ValueError as error:
-        return [str(error)[:MAX_FAULT_LENGTH]], None
+        return [shortened(str(error))], None
+
+
+def shortened(text):
+    return text if len(text) < 200 else f"{text[:80]} ... {text[-80:]}"
 
 
 def name_faults(process_list):

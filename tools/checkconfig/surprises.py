@@ -1,7 +1,9 @@
 """Warnings: valid settings that will surprise, each with the change that ends it."""
+import collections
+import itertools
 import re
 
-from .daemon import World
+from .daemon import MAX_SAMPLES, World
 from .device import BINDER, ZYGOTE, Device, main_thread
 from .hangs import WHOLE, begin_of, others_of, responses, variants_without
 from .reading import PREFIX
@@ -9,7 +11,6 @@ from .reading import PREFIX
 LIST, SHELL, SCAN = "Config.monitor_process.list", "Config.switches.use_shell", "Config.scan"
 LONG = 10  # time-outs of a healthy life
 MAX_ABSENT = 8  # tasks in turn
-MAX_WORK = 1000  # samples in a time-out: more would take minutes to be played
 BINDER_POOL = 16  # threads that a process has for binder calls, as a rule
 
 
@@ -31,7 +32,8 @@ def false_alarms(world):
             if response.name not in one:
                 found.setdefault((response.name, response.state), (response, one))
     for response, one in found.values():
-        cause = "sleeps for 30 s" if response.state == "S" else "is blocked at one scan"
+        is_asleep = response.name == "watchdog" and response.state == "S"
+        cause = "sleeps for 30 s" if is_asleep else "is blocked at one scan"
         act = "acted on" if response.is_act else "dumped"
         where = " beside an absent one" if one else ""
         yield {"task": response.name, "seconds": response.seconds,
@@ -122,15 +124,16 @@ def setting_warnings(world):
          "empty: nobody is watched, in shell mode everyone; fill it"),
         (binder["enable"] and binder["timeout"] < settings["timeout"], PREFIX + "timeout",
          f'"monitor_binder" keeps {binder["timeout"] // 1000} s; raise "timeout_second" instead'),
-        (not world.idle and world.work > MAX_WORK, SCAN, f"not played: {world.work} samples in a "
-         f'time-out, more than {MAX_WORK}; watch less, or lower "round" for this check')]
+        (not world.idle and not world.is_small, SCAN, f"not played: more than {MAX_SAMPLES} samples "
+         'in a time-out; watch less, or lower "round"')]
 
 
 def name_warnings(world):
     """The names to warn of, key and text."""
-    is_shell, watched = world.settings["use_shell"], world.processes
+    watched, is_shell = world.processes, world.settings["use_shell"] and world.is_small
     entries = world.document["Config"]["monitor_process"].get("list", [])
-    listed = [entry["process"] for entry in entries]
+    counts = collections.Counter(entry["process"] for entry in entries)
+    threads = itertools.chain(*watched.values())
     binder = world.settings["binder_monitor"] or {"uid_map": {}, "monitor_uids": []}
     groups = [watched, binder["uid_map"],
               *[{main_thread(name, names), *names} for name, names in watched.items()]]
@@ -138,9 +141,9 @@ def name_warnings(world):
                  for name in group for other in group if name in other and name != other]
     nameless = set(binder["monitor_uids"]) - set(binder["uid_map"].values())
     return [
-        ([name for name in watched if listed.count(name) > 1], LIST,
+        ([name for name in watched if counts[name] > 1], LIST,
          "listed twice, the second entry is dropped; merge them"),
-        ([name for name in sum(watched.values(), []) if re.match(r"[Bb]inder:\d", name)], LIST,
+        ([name for name in threads if re.match(r"[Bb]inder:\d", name)], LIST,
          'holds a process id, which changes; use "monitor_binder"'),
         (contained, SHELL, "grep finds both; rename or drop one"),
         (map(str, sorted(nameless) * is_shell), "Config.monitor_binder.uid_map",
