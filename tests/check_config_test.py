@@ -208,6 +208,8 @@ class Daemon(Case):
             earliest, latest = row[stage] or (None, None)
             self.assertEqual(bool(times), bool(row[stage]))
             self.assertTrue(not times or earliest <= times[0] <= latest, (stage, times, row))
+        if row["dump"]:  # which nothing holds up
+            self.assertAlmostEqual(row["dump"][1] - row["dump"][0], interval, places=2)
 
 
 if __name__ == "__main__":

@@ -7,7 +7,7 @@ import pathlib
 import re
 import subprocess
 
-from .reading import Refused
+from .reading import Refused, say
 
 MAX_SAMPLES = 600  # in a time-out
 
@@ -47,8 +47,13 @@ class Daemon:
         return {"errors": [failure]} if failure else json.loads(output)
 
     def rehearse(self, config, properties, steps):
-        properties = self.file_of(properties)
-        return self.run("rehearse", self.file_of(config), f"properties {properties};{steps}")
+        """Prints the events of the user's steps."""
+        first = f"properties {self.file_of(properties)};"
+        events, failure = self.run("rehearse", self.file_of(config), first + steps)
+        for event in events.split("\n")[:-1]:
+            say(event)
+        if failure:
+            raise Refused(failure)
 
 
 class World:

@@ -3,16 +3,12 @@ import textwrap
 
 from .device import Device
 from .hangs import responses
+from .reading import say
 
 WIDTH, FIRST, CELL = 100, 58, 14
 
 
-def say(line="", file=None):
-    """Names may hold what would move a terminal's cursor."""
-    print("".join(char if char.isprintable() else ascii(char)[1:-1] for char in line), file=file)
-
-
-def describe(world, board):
+def describe(world):
     """What the daemon does, beside the times."""
     settings, binder = world.settings, world.settings["binder_monitor"]
     rows = [("Interval", f"{world.interval:g} s, time-out {world.timeout:g} s"),
@@ -24,10 +20,10 @@ def describe(world, board):
         rows.append(("Binder threads", f"of {users}: {', '.join(['D, T, Z', *binder['wchans']])}"))
     if settings["black_white_list"]:
         rows.append(("I/O-wait list", ", ".join(settings["black_white_list"]["list"])))
-    if board:
-        rows.append(("Boards", f"{', '.join(settings['hw_list'])}; on any other the daemon idles"))
+    boards = ", ".join(settings["hw_list"])
     if world.idle:
-        rows.append(("Idle", "the daemon does nothing"))
+        rows.append(("Idle", f"on but these boards, as ro.board.platform may tell: {boards}"
+                     if boards else "the daemon does nothing"))
     elif world.is_small:
         rows.append(("Without zygote", without_zygote(world)))
     for title, text in rows:
