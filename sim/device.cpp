@@ -40,7 +40,7 @@ std::string times_of_all(const std::map<std::string, Task>& threads) {
 
 // A line of `ps` in the columns of the platform.
 std::string listing_line(const std::string& ids, const Task& task, const std::string& name) {
-    return "u  " + ids + " " + task.at("ppid") + " 1 2 " + task.at("wchan") + " 0 " +
+    return task.at("user") + "  " + ids + " " + task.at("ppid") + " 1 2 " + task.at("wchan") + " 0 " +
            task.at("state") + " " + name + "\n";
 }
 
@@ -68,7 +68,7 @@ std::pair<std::string, std::string> cut(const std::string& text, const std::stri
 
 void Device::change_task(const std::string& ids, const Task& changes) {
     static const Task kDefaults = {{"ppid", "1"}, {"utime", "7"}, {"stime", "1"}, {"runs", "5"},
-                                   {"uid", "9"},  {"wchan", "0"}, {"cgroup", "/"}};
+                                   {"uid", "9"},  {"user", "u"},  {"wchan", "0"}, {"cgroup", "/"}};
     const auto [pid, thread_id] = cut(ids, "/");
     const std::string tid = thread_id.empty() ? pid : thread_id;
     const std::string process = task_directory(pid), thread = task_directory(pid + "/" + tid);

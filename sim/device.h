@@ -33,6 +33,7 @@ class Device {
     Json::Value config;                             // unless `files` has one
     std::map<std::string, std::string> files;       // content by path; directories are implied
     std::map<std::string, std::string> properties;  // of the system
+    std::string property_lines;                     // more of them, before those
     std::map<std::string, std::string> outputs;     // of commands, where it is not the tasks'
     std::map<std::string, int> failures;            // errno of a call; negative: of the next one
     std::multimap<int64_t, std::string> put_off;    // steps, by the ms since the start

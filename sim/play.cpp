@@ -38,6 +38,7 @@ int64_t time_of_events = 0;
 // The system properties, where host/properties.cpp reads them.
 void write_properties() {
     const int file = memfd_create("properties", MFD_CLOEXEC);
+    REQUIRE(android::base::WriteStringToFd(device->property_lines + "\n", file));
     for (const auto& [name, value] : device->properties) {
         REQUIRE(android::base::WriteStringToFd(name + "=" + value + "\n", file));
     }
@@ -70,6 +71,7 @@ std::string escaped(const std::string& event) {
 void write_events() {
     if (device->settings["sorted"] != 0) std::sort(events_of_now.begin(), events_of_now.end());
     std::ostringstream lines;
+    lines.precision(9);  // milliseconds, for days
     const double seconds = (time_of_events - device->start_ms) / 1000.0;
     for (const std::string& event : events_of_now) lines << seconds << ' ' << event << '\n';
     events_of_now.clear();

@@ -1,5 +1,6 @@
 // The steps in which a device is told; README.md explains them.
 
+#include <android-base/file.h>
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
 #include <ctype.h>
@@ -25,8 +26,8 @@ constexpr char kConfig[] = R"({
     "monitor_process": {}, "monitor_binder": {}, "default_open_hw_list": {},
     "black_white_list": {} })";
 
-const std::set<std::string> kTaskKeys = {"comm",  "state", "cmd", "ppid",  "utime",
-                                         "stime", "runs",  "uid", "wchan", "cgroup"};
+const std::set<std::string> kTaskKeys = {"comm", "state", "cmd",  "ppid",  "utime", "stime",
+                                         "runs", "uid",   "user", "wchan", "cgroup"};
 const std::set<std::string> kTaskFiles = {"cgroup", "cmdline", "comm", "schedstat",
                                           "stat",   "status",  "wchan"};
 
@@ -96,6 +97,12 @@ Task changes_of(const std::string& description) {
         changes[key] = value;
     }
     return changes;
+}
+
+std::string content_of(const std::string& host_file) {
+    std::string content;
+    if (!android::base::ReadFileToString(host_file, &content, true)) fail("cannot read the file");
+    return content;
 }
 
 // A colon and the text behind it may have a blank in between.
@@ -176,6 +183,10 @@ void Device::take_other_step(const std::string& verb, const std::string& words) 
     } else if (verb == "prop") {
         const bool is_short = name.find('.') == std::string::npos;
         properties[(is_short ? "persist.vendor.hg." : "") + name] = value;
+    } else if (verb == "properties") {
+        property_lines = content_of(words);
+    } else if (verb == "config") {
+        files["/vendor/etc/tovrel.json"] = content_of(words);
     } else if (verb == "file") {
         const auto [path, content] = cut(words, ":");
         files[path] = behind_blank(content);

@@ -1,112 +1,216 @@
-"""usage: check_config_test.py PLAY. Tests tools/check-config; PLAY is the program rehearse."""
-import itertools, json, pathlib, re, runpy, subprocess, sys, tempfile
+"""usage: check_config_test.py REHEARSE [TEST...]. Tests tools/check-config with the programs beside
+REHEARSE; RANDOM_CONFIGURATIONS in the environment is how many are compared."""
+import json
+import os
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
 
-CHECK = pathlib.Path(__file__).resolve().parent.parent / "tools/check-config"
-TOOL = runpy.run_path(str(CHECK))
-FILES = tempfile.TemporaryDirectory()
-SAMPLE = (CHECK.parent.parent / "etc/tovrel.json").read_text()
-DOCUMENT = json.loads(SAMPLE)
-CONFIG, OWN, NO_NAMES = DOCUMENT["Config"], "persist.vendor.hg.", ["a b", "-a", "a;b", ""]
+REHEARSE = pathlib.Path(sys.argv.pop(1)).resolve()
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+SAMPLE = json.loads((ROOT / "etc/tovrel.json").read_text(encoding="utf-8"))
+COUNT = int(os.environ.get("RANDOM_CONFIGURATIONS", "10"))
+PREFIX = "persist.vendor.hg."
+BINDER = {"enable": True, "monitor_uids": [9], "wchans": ["w"],
+          "uid_map": [{"name": "u9", "value": 9}]}
+SHELL = {"main": True, "debug": True, "use_shell": True}
 
-def file_of(text):
-    file = pathlib.Path(tempfile.mkstemp(dir=FILES.name)[1])
-    file.write_text(text)
-    return file
-
-REFUSED = {  # at a key, which the fault names; beside null and wrong keys
-    "Config": [{k: CONFIG[k] for k in CONFIG if k != gone} for gone in CONFIG if gone != "policy"],
-    "Config.policy": ["Panic"], "Config.scan": [{"timeout_second": 60}, {"interval_min_second": 5}],
-    "Config.scan.timeout_second": [9, 3601, 60.5], "Config.scan.interval_min_second": [0, 11],
-    "Config.monitor_process.list[0].process": [*NO_NAMES, "bin/a"],
-    "Config.monitor_process.list[0].thread[0]": [*NO_NAMES, "surfaceflinger_1"],
-    "Config.monitor_binder.uid_map[0]": [{"name": name, "value": 1} for name in NO_NAMES],
-    "Config.monitor_binder.wchans[0]": ["0", "binder_thread_read"]}
-
-def put_faults(parent, key, path):
-    node = parent[key]
-    wrong_keys = [{**node, "misspelt": 1}, {"enable": True}] if isinstance(node, dict) else []
-    for parent[key] in [None, *wrong_keys, *REFUSED.get(path, [])]:
-        faults = TOOL["check"](json.dumps(DOCUMENT).encode())[0]
-        assert any(fault.startswith(path) for fault in faults), (path, parent[key], faults)
-    parent[key] = node
-    indices = range(len(node)) if isinstance(node, list) else ()
-    for child in node if isinstance(node, dict) else indices:
-        put_faults(node, child, path + (f"[{child}]" if child in indices else f".{child}"))
-
-put_faults(DOCUMENT, "Config", "Config")
-for text, options, status, output in [
-        (SAMPLE, [], 0, "120 to 140"), (SAMPLE, ["--json"], 0, '"interval": 20000'),
-        (SAMPLE, ["/no/file"], 2, "/no/file"), (SAMPLE, [file_of(OWN + "timeout=4m")], 2, "4m"),
-        (SAMPLE, [file_of(OWN + "timeout=240")], 0, "Without the properties: Self-watchdog 240 s"),
-        (SAMPLE.replace("120", '120, "round": 6'), [], 1, "key 'round'"), ("{}", [], 1, "Config"),
-        ("[" * 99999, ["--json"], 1, '"valid": false'), (SAMPLE, ["--quiet"], 0, "^$")]:
-    done = subprocess.run([CHECK, file_of(text), *options], capture_output=True, text=True)
-    assert done.returncode == status and re.search(output, done.stdout + done.stderr), done
-
-def told(sections, properties="", scan=(120, 6, 5)):
-    """What is told of a calm configuration with these sections, and its file."""
-    names = ("timeout_second", "round", "interval_min_second", "timeout_min_second")
-    calm = {"switches": {"main": True}, "policy": "kill", "scan": dict(zip(names, scan))}
-    text = json.dumps({"Config": {key: {} for key in CONFIG} | calm | sections})
-    lines = "\n".join(OWN + line for line in properties.splitlines())
-    return TOOL["report"](text.encode(), TOOL["read_properties"](lines)), file_of(text)
 
 def watch(*processes):
-    entries = [{"process": name, "thread": threads} for name, *threads in processes]
-    return {"monitor_process": {"enable": True, "list": entries}}
+    """The section for processes, "app:t1:t2" each."""
+    names = [process.split(":") for process in processes]
+    return {"enable": True, "list": [{"process": name, "thread": threads}
+                                     for name, *threads in names]}
 
-# Every stage of a hang comes within its window, first or last as it begins before or after a scan.
-SHELL = {"switches": {"main": True, "use_shell": True}}
-BINDER = {"monitor_binder": {"enable": True, "monitor_uids": [9], "wchans": ["D"], "uid_map": [
-    {"name": "u", "value": 7}, {"name": "uu", "value": 8}]}}
-APP, THREAD = "100 app {s} ppid=30 runs={r}", "100/101 Binder:1 {s} ppid=30 uid=9 runs={r}"
-PLAYED = [  # kind of window, sections, and the steps that make a calm task and a hung one
-    ("process or thread", watch(["app", "t"]) | BINDER, [APP, THREAD.replace("Binder:1", "t")]),
-    ("whole process of one thread", watch(["app"]) | BINDER, [APP]),
-    ("never", watch(["app"]) | BINDER, [APP, "100/101 x S utime=99"]),
-    ("binder thread", BINDER, [APP, THREAD]), ("missing thread", watch(["app", "t"]), [APP]),
-    ("binder thread", BINDER | SHELL, [THREAD.replace("{s}", "S wchan={s}")]),
-    ("the same, beside a missing one", watch(["app"], ["ghost"]), [APP])]
-NEW, LOOSE = PLAYED[-3:-1], PLAYED[-2:]  # without a calm time; may come within the window
 
-def play(played, scan, raised, is_late):
-    """Compares a window with the dump and the acts of the daemon. Times are in ms."""
-    kind, sections, steps = played
-    result, file = told(sections, f"timeout={raised}", scan)
-    window = result["windows"].get(kind)
-    start = 5 * result["settings"]["interval"] // 1000 + is_late
-    world = f"until {start + 5 * max(*scan, raised)};prop {OWN}timeout={raised};30 zygote S"
-    calm = [";" + step.format(s="S", r=5) for step in steps] * (played not in NEW)
-    hung = [f";@{start} " + step.format(s="D", r=6) for step in steps]
-    events = subprocess.check_output([sys.argv[1], file, "".join([world, *calm, *hung])], text=True)
-    kills = re.findall(r"^(\S+) kill \d+ (\d+)", events, re.M)
-    times = [1000 * float(t) for t, s in kills[:1] + [kill for kill in kills if kill[1] == "9"]]
-    assert (len(times) > 2) == bool(times) == bool(window), (kind, scan, times)
-    waits = [time - since for time, since in zip(times, [1000 * start] * 2 + times[1:])]
-    for wait, (least, most) in zip(waits, (window or {}).values()):
-        assert least - 9 <= wait <= most + 9, (kind, scan, is_late, times)
-    assert not window or played in LOOSE or abs(waits[0] - window["dump"][is_late]) <= 1000, played
+def configuration(**sections):
+    """One without surprises, but for these sections."""
+    scan = {"timeout_second": 120, "interval_min_second": 5, "round": 6}
+    return {"Config": {"switches": {"main": True, "debug": True}, "policy": "kill", "scan": scan,
+                       "monitor_process": watch("app:app"), "monitor_binder": {},
+                       "default_open_hw_list": {}, "black_white_list": {}, **sections}}
 
-SCANS = [((120, 5, 5), 0), ((60, 12, 5), 200), ((15, 1, 10), 0), ((10, 8, 2, 40), 0)]
-for played, scan, is_late in itertools.product(PLAYED, SCANS, (False, True)):
-    play(played, *scan, is_late)
 
-# A valid setting that surprises is named by its key, and no other.
-OFF, NONE = {"switches": {"main": False}, "policy": "nothing"}, {"monitor_process": {}}
-DOG = watch(["a", "dog", "watchdog"]) | {"monitor_binder": {"monitor_uids": [9]}}
-TWINS, WCHAN = watch(["a", "a"], ["a"], ["app", "t"]), {"monitor_binder": {"wchans": ["w"]}}
-LISTS = {k: CONFIG[k] | {"enable": True, "list": ["b"]} for k in CONFIG if k.endswith("_list")}
-for keys, sections, *rest in [
-        ("", OFF | NONE | LISTS), ("", DOG, "", (64, 8, 5)), ("Config switches.main", OFF | NONE),
-        ("", OFF | BINDER, "enable=1\ndebug=true\ntimeout=0x77"),
-        ("policy", {"policy": "nothing"} | watch(["app"]), "timeout=240"),
-        ("scan.interval_min_second scan.timeout_second", DOG, "", (60, 12, 8)),
-        ("monitor_process.list ~timeout", watch(["app"]) | BINDER, "timeout=240"),
-        ("monitor_process.list monitor_process.list", TWINS),
-        ("switches.use_shell", DOG | SHELL, "", (60, 6, 5)), ("scan.round", SHELL, "", (100, 6, 5)),
-        ("monitor_process.list switches.use_shell", TWINS | SHELL),
-        ("monitor_binder.uid_map switches.use_shell ~processes", BINDER | SHELL,
-         "processes=c b:" + 16 * "n"), ("monitor_binder.monitor_uids", WCHAN, "binder=1")]:
-    found = told(watch(["app", "t"]) | sections, *rest)[0]["warnings"]
-    named = sorted(key.replace(OWN, "~").removeprefix("Config.") for key, _ in found)
-    assert named == keys.split(), (keys, found)
+class Case(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.config = pathlib.Path(directory.name, "config.json")
+        self.properties = pathlib.Path(directory.name, "properties")
+
+    def check(self, *options, **how):
+        command = [ROOT / "tools/check-config", "--build", REHEARSE.parent, self.config, *options]
+        how = {"stdout": subprocess.PIPE, **how}
+        return subprocess.run(command, stderr=subprocess.PIPE, text=True, check=False, **how)
+
+    def told(self, document, *properties):
+        self.config.write_text(json.dumps(document))
+        self.properties.write_bytes("\n".join(PREFIX + line for line in properties).encode())
+        return json.loads(self.check(self.properties, "--json").stdout)
+
+
+class BadInput(Case):
+    def test_faults_name_their_key(self):
+        bad_names = ["a b", "-a", "a;b", "", "a\n", "a\x1b[2J"]
+        table = {
+            "policy": ["Panic", None],
+            "scan": [{"timeout_second": 60}, {"interval_min_second": 5}],
+            "scan.timeout_second": [9, 3601, 60.5, "60", 10 ** 4000],
+            "monitor_process.list[0].process": [*bad_names, "bin/a"],
+            "monitor_process.list[0].thread[0]": [*bad_names, "surfaceflinger_1"],
+            "monitor_binder.uid_map[0].name": bad_names,
+            "monitor_binder.wchans[0]": ["0", "binder_thread_read", "w\n"]}
+        for path, values in table.items():
+            *parents, last = [int(word) if word.isdigit() else word
+                              for word in re.findall(r"\w+", f"Config.{path}")]
+            for value in values:
+                with self.subTest(path=path, value=str(value)[:20]):
+                    document = node = json.loads(json.dumps(SAMPLE))
+                    for key in parents:
+                        node = node[key]
+                    node[last] = value
+                    self.config.write_text(json.dumps(document))
+                    done = self.check("--schema-only")
+                    self.assertEqual(done.returncode, 1)
+                    self.assertIn(f"Config.{path}", done.stderr)
+                    self.assertTrue(done.stderr.replace("\n", "").isprintable())
+
+    def test_hostile_content_ends_with_a_line(self):
+        valid = json.dumps(configuration())
+        table = [  # content, status, words
+            ("{}", 1, "'Config' is a required property"),
+            (valid.replace("120", '120, "round": 6'), 1, "key 'round' stands twice"),
+            (valid.replace("120", "9" * 5000), 1, "digits"),
+            (valid.replace('"kill"', "[" * 900 + "]" * 900), 1, "policy|deep"),
+            (valid.replace('"kill"', json.dumps([{}, 1] * 9999)), 1, "policy"),
+            (valid.replace("{", '{"$schema": "\\ud800", ', 1), 1, "config file failed"),
+            ("[" * 99999, 1, "deep"),
+            (" " * 50_000_000, 2, "larger")]
+        for content, status, words in table:
+            with self.subTest(words=words, content=content[:60]):
+                self.config.write_text(content)
+                done = self.check(timeout=10)
+                self.assertEqual((done.returncode, done.stderr.count("\n")), (status, 1))
+                self.assertRegex(done.stderr, words)
+
+    def test_no_file_no_output_no_build(self):
+        self.config.write_text(json.dumps(configuration()))
+        fifo = self.config.with_name("fifo\x1b")
+        os.mkfifo(fifo)
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            runs = [self.check(fifo), self.check("/dev/zero"), self.check("/no/file"),
+                    self.check("--build", "/no/build"), self.check(stdout=full)]
+        for done in runs:
+            with self.subTest(text=done.stderr):
+                self.assertEqual((done.returncode, done.stderr.count("\n")), (2, 1))
+                self.assertTrue(done.stderr[:-1].isprintable())
+
+
+class Surprises(Case):
+    def test_the_sample_has_none(self):
+        told = self.told(SAMPLE)
+        self.assertEqual((told["faults"], told["false_alarms"], told["warnings"]), ([], [], []))
+
+    def test_each_is_told_by_its_key_alone(self):
+        table = [  # key, sections, properties
+            ("Config", {"monitor_process": {}}),
+            ("Config.switches.main", {"switches": {"main": False}}),
+            ("Config.policy", {"switches": {"main": True}}),
+            ("Config.monitor_process.list", {"monitor_process": watch("a:a", "a:b")}),
+            ("Config.monitor_process.list", {"monitor_process": watch("a", "b:b")}),
+            ("Config.monitor_process.list", {"monitor_process": watch("a"),
+                                             "monitor_binder": BINDER}),
+            ("Config.monitor_binder.monitor_uids", {"monitor_binder": {"wchans": ["w"]}},
+             "binder=1"),
+            ("Config.switches.use_shell", {"switches": SHELL,
+                                           "monitor_process": watch("a:a", "ab:ab")}),
+            ("persist.vendor.hg.timeout", {"monitor_binder": BINDER}, "timeout=240"),
+            ("persist.vendor.hg.policy", {}, "policy=nothing"),
+            ("persist.vendor.hg.enable", {}, "enable=1\r"),
+            ("persist.vendor.hg.no_such", {}, "no_such=1"),
+            ("persist.vendor.hg.processes", {"monitor_process": {}, "monitor_binder": BINDER},
+             "processes=a")]
+        for key, sections, *properties in table:
+            with self.subTest(key=key, sections=sections):
+                told = self.told(configuration(**sections), *properties)
+                self.assertEqual({warning["key"] for warning in told["warnings"]}, {key})
+
+    def test_another_pace_ends_what_it_is_told_to_end(self):
+        short = {"timeout_second": 10, "interval_min_second": 1, "round": 4}
+        asleep = {"monitor_process": watch("app:watchdog", "other:other")}
+        for kind, sections in [
+                ("false_alarms", asleep),  # beside other, which may be absent
+                ("false_alarms", {"monitor_process": watch("app"), "monitor_binder": BINDER,
+                                  "scan": {**short, "round": 2}}),
+                ("warnings", {"scan": short, "monitor_binder": BINDER})]:
+            with self.subTest(sections=sections):
+                document = configuration(**sections)
+                text = self.told(document)[kind][0]["text"]
+                document["Config"]["scan"].update(
+                    {key: int(value) for key, value in re.findall(r'"(\w+)" to (\d+)', text)})
+                told = self.told(document)
+                self.assertFalse(told["false_alarms"])
+                self.assertNotIn("Config.scan", [warning["key"] for warning in told["warnings"]])
+
+
+class Daemon(Case):
+    """What is told, against the daemon played without check-config."""
+
+    TASKS = {  # what is listed, the task at rest, what makes it stuck, how that is told
+        "foo": ("100 foo S ppid=30", "100 state=D runs=6", "main thread in D, no others"),
+        "bar:bar:t1": ("200 bar S ppid=30; 200/201 t1 S", "200/201 state=D runs=6", "in D"),
+        "dog:watchdog": ("300 dog S ppid=30; 300/301 watchdog R", "300/301 state=S runs=6",
+                         "asleep")}
+
+    def test_random_configurations(self):
+        for seed in range(COUNT):
+            rng = random.Random(seed)
+            names = rng.sample(list(self.TASKS), rng.randint(1, 3))
+            scan = {"timeout_second": rng.randint(10, 300), "round": rng.randint(1, 12),
+                    "timeout_min_second": rng.choice([0, 60]),
+                    "interval_min_second": rng.randint(1, 10)}
+            document = configuration(
+                scan=scan, switches={"main": True, "use_shell": rng.random() < 0.3},
+                policy=rng.choice(["kill", "reboot", "panic", "nothing"]),
+                monitor_process=watch(*names), monitor_binder=rng.choice([{}, BINDER]))
+            properties = rng.sample([f"timeout={rng.randint(10, 500)}", "policy=panic",
+                                     "binder=1", "processes=baz:t2"], rng.randint(0, 2))
+            with self.subTest(seed=seed, document=document, properties=properties):
+                self.compare(document, properties, rng.choice(names), rng.random())
+
+    def compare(self, document, properties, name, phase):
+        told = self.told(document, *properties)
+        settings = told["settings"]
+        interval, timeout = settings["interval"] / 1000, settings["timeout"] // 1000
+        begin = int((4 + phase) * interval)
+        _, stuck, how = self.TASKS[name]
+        steps = [*[f"prop {line}" for line in properties], *[task[0] for task in
+                 self.TASKS.values()], "400 baz S; 400/401 t2 S; 30 zygote S", f"@{begin} {stuck}",
+                 f"until {begin + 4 * int(timeout + interval)}", "turns 9999", "prop debug=1",
+                 "watch alarm|kill|kmsg|I nothing to do|D "]
+        events = subprocess.check_output([REHEARSE, self.config, ";".join(steps)], text=True)
+
+        turns = re.findall(r"^(\S+) alarm (\d+)", events, re.M)
+        self.assertAlmostEqual(float(turns[1][0]), interval)
+        self.assertEqual(int(turns[0][1]), settings["timeout"] // 500)
+        listed = re.findall(r"D monitor process: (.*)", events)
+        self.assertEqual(set(listed), set(settings["process_list"]))
+        row, = [row for row in told["hangs"] if row["how"] == how and not row["when"]
+                and "binder" not in row["what"]]
+        stages = {"dump": r"^(\S+) kill \d+ (?:3|35)$",
+                  "act": r"^(\S+) (?:kmsg|kill \d+ 9$|I nothing)"}
+        for stage, pattern in stages.items():
+            times = [round(float(time) - begin, 3) for time in re.findall(pattern, events, re.M)]
+            earliest, latest = row[stage] or (None, None)
+            self.assertEqual(bool(times), bool(row[stage]))
+            self.assertTrue(not times or earliest <= times[0] <= latest, (stage, times, row))
+        if row["dump"]:  # which nothing holds up
+            self.assertAlmostEqual(row["dump"][1] - row["dump"][0], interval, places=2)
+
+
+if __name__ == "__main__":
+    unittest.main()
