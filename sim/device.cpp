@@ -40,8 +40,8 @@ std::string times_of_all(const std::map<std::string, Task>& threads) {
 
 // A line of `ps` in the columns of the platform.
 std::string listing_line(const std::string& ids, const Task& task, const std::string& name) {
-    return task.at("user") + "  " + ids + " " + task.at("ppid") + " 1 2 " + task.at("wchan") + " 0 " +
-           task.at("state") + " " + name + "\n";
+    return task.at("user") + "  " + ids + " " + task.at("ppid") + " 1 2 " + task.at("wchan") +
+           " 0 " + task.at("state") + " " + name + "\n";
 }
 
 // `grep PATTERN` or `grep -E "PATTERN"`
@@ -116,9 +116,12 @@ std::string Device::output_of(const std::string& command) const {
     for (const auto& [pid, threads] : tasks) {
         if (!chosen_pid.empty() && pid != chosen_pid) continue;
         for (const auto& [tid, task] : threads) {
-            if (files.count(task_directory(pid + "/" + tid) + "stat") == 0) continue;  // it is gone
+            const std::string stat =
+                    task_directory(std::string(pid).append("/").append(tid)) + "stat";
+            if (files.count(stat) == 0) continue;  // it is gone
             if (with_threads) {
-                listing += listing_line(pid + " " + tid, task, task.at("comm"));
+                const std::string ids = std::string(pid).append(" ").append(tid);
+                listing += listing_line(ids, task, task.at("comm"));
             } else if (tid == pid) {
                 listing += listing_line(pid, task, program_of(task));
             }

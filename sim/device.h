@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -46,6 +47,7 @@ class Device {
     std::string step_in_progress;  // none between two steps
 
     // For what no step can tell.
+    std::function<void(const std::string&)> on_event;  // also of those that are not watched
     int64_t calls = 0;         // of the daemon's main thread that could have failed
     int64_t failing_call = 0;  // the one that fails, counted from 1
     int failing_errno = EIO;

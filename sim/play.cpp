@@ -38,10 +38,10 @@ int64_t time_of_events = 0;
 // The system properties, where host/properties.cpp reads them.
 void write_properties() {
     const int file = memfd_create("properties", MFD_CLOEXEC);
-    REQUIRE(android::base::WriteStringToFd(device->property_lines + "\n", file));
-    for (const auto& [name, value] : device->properties) {
-        REQUIRE(android::base::WriteStringToFd(name + "=" + value + "\n", file));
-    }
+    std::ostringstream lines;
+    lines << device->property_lines << '\n';
+    for (const auto& [name, value] : device->properties) lines << name << '=' << value << '\n';
+    REQUIRE(android::base::WriteStringToFd(lines.str(), file));
     setenv("TOVREL_PROPERTIES", ("/proc/self/fd/" + std::to_string(file)).c_str(), 1);
 }
 
@@ -72,7 +72,7 @@ void write_events() {
     if (device->settings["sorted"] != 0) std::sort(events_of_now.begin(), events_of_now.end());
     std::ostringstream lines;
     lines.precision(9);  // milliseconds, for days
-    const double seconds = (time_of_events - device->start_ms) / 1000.0;
+    const double seconds = static_cast<double>(time_of_events - device->start_ms) / 1000;
     for (const std::string& event : events_of_now) lines << seconds << ' ' << event << '\n';
     events_of_now.clear();
     android::base::WriteStringToFd(lines.str(), record_file);
@@ -108,6 +108,7 @@ void limit_turn() {
 
 void add_event(const std::string& event) {
     const std::lock_guard lock(play_mutex);
+    if (device->on_event) device->on_event(event);
     if (regexec(&watched, event.c_str(), 0, nullptr, 0) != 0) return;
     if (device->now_ms != time_of_events) write_events();
     time_of_events = device->now_ms;

@@ -1,11 +1,9 @@
-// usage: rehearse CONFIG STEPS
+// usage: rehearse CONFIG STEPS    "-" for CONFIG: it is told in the steps
 //        rehearse < PLAYS
 //
 // Plays the daemon with a configuration in virtual time, on a device that is told in STEPS, and
 // prints its events: a line each, behind the seconds since the start. The steps: sim/README.md.
 // Of PLAYS each line has the steps of one; a line "end" stands behind the events of each.
-
-#include <android-base/file.h>
 
 #include <cstdio>
 #include <iostream>
@@ -22,29 +20,22 @@ bool print(const Outcome& outcome) {
     return false;
 }
 
-int play_lines() {
+bool play_lines() {
     for (std::string steps; std::getline(std::cin, steps);) {
-        if (!print(play(steps))) return 2;
+        if (!print(play(steps))) return false;
         puts("end");
     }
-    return 0;
-}
-
-int play_configuration(const char* file, const char* steps) {
-    std::string config;
-    if (!android::base::ReadFileToString(file, &config, true)) {
-        fprintf(stderr, "rehearse: cannot read %s\n", file);
-        return 2;
-    }
-    const auto prepare = [&](Device& device) { device.files["/vendor/etc/tovrel.json"] = config; };
-    return print(play(steps, prepare)) ? 0 : 2;
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 1) return play_lines();
-    if (argc == 3) return play_configuration(argv[1], argv[2]);
+    if (argc == 1) return play_lines() ? 0 : 2;
+    if (argc == 3) {
+        const std::string config = argv[1];
+        return print(play(config == "-" ? argv[2] : "config " + config + ";" + argv[2])) ? 0 : 2;
+    }
     fprintf(stderr, "usage: rehearse CONFIG STEPS\n");
     return 2;
 }

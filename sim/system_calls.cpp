@@ -177,12 +177,12 @@ std::string left_open() {
         if (inherited_descriptors.count(fd) != 0) continue;
         const auto file = open_files.find(fd);
         if (file == open_files.end()) {
-            left.push_back("a descriptor");
+            left.emplace_back("a descriptor");
         } else if (file->second.path != "/proc/") {  // which may wait for the first walk
             left.push_back(file->second.path);
         }
     }
-    if (waitpid(-1, nullptr, WNOHANG) != -1) left.push_back("a child");
+    if (waitpid(-1, nullptr, WNOHANG) != -1) left.emplace_back("a child");
     return android::base::Join(left, ", ");
 }
 
