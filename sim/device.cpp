@@ -40,8 +40,8 @@ std::string times_of_all(const std::map<std::string, Task>& threads) {
 
 // A line of `ps` in the columns of the platform.
 std::string listing_line(const std::string& ids, const Task& task, const std::string& name) {
-    return task.at("user") + "  " + ids + " " + task.at("ppid") + " 1 2 " + task.at("wchan") + " 0 " +
-           task.at("state") + " " + name + "\n";
+    return task.at("user") + "  " + ids + " " + task.at("ppid") + " 1 2 " + task.at("wchan") +
+           " 0 " + task.at("state") + " " + name + "\n";
 }
 
 // `grep PATTERN` or `grep -E "PATTERN"`

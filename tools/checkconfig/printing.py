@@ -59,7 +59,7 @@ def say_table(rows):
     say("Seconds after a task got stuck".ljust(FIRST) +
         "".join(word.rjust(CELL) for word in ("dump", "act", "then each")))
     for (what, when, answer), hows in lines.items():
-        text = f"{what} {', or '.join(dict.fromkeys(hows))}" + (f"; {when}" if when else "")
+        text = f"{what}: {', or '.join(dict.fromkeys(hows))}" + (f"; {when}" if when else "")
         first, *rest = textwrap.wrap(text, FIRST - 3, subsequent_indent="  ")
         say(f"  {first:{FIRST - 2}}" + "".join(cell(window).rjust(CELL) for window in answer))
         for line in rest:
