@@ -7,7 +7,8 @@ import pathlib
 import re
 import subprocess
 
-from .reading import Refused, say
+from .printing import say
+from .reading import Refused
 
 MAX_SAMPLES = 600  # in a time-out
 
