@@ -94,8 +94,8 @@ def hang_warnings(world, rows):
         words = "; ".join(dict.fromkeys(f"{hang.what}, {hang.how}" for hang in never))
         yield SHELL, f"never found: {words}; switch it off"
     elif whole:
-        yield LIST, (f"{whole[0]}: as a whole it is sampled twice, or by the time of all threads, in "
-                     "a scan that walks, and so found never or in half the time; name its main "
+        yield LIST, (f"{whole[0]}: as a whole it is sampled twice, or by the time of all threads, "
+                     "in a scan that walks, and so found never or in half the time; name its main "
                      'thread in "thread"')
 
 
