@@ -7,7 +7,8 @@ import pathlib
 import re
 import subprocess
 
-from .reading import Refused, say
+from .printing import say
+from .reading import Refused
 
 MAX_SAMPLES = 600  # in a time-out
 
@@ -25,8 +26,9 @@ class Daemon:
         self.numbers = itertools.count()
         for program in ("settings", "rehearse"):
             if not os.access(self.build / program, os.X_OK):
-                raise Refused(f"{self.build / program} is not built; in the tree: cmake --preset "
-                              "release && cmake --build --preset release --target settings rehearse")
+                raise Refused(f"{self.build / program} is not built; at the top of the tree: "
+                              "cmake --preset release && "
+                              "cmake --build --preset release --target settings rehearse")
 
     def file_of(self, content):
         if content not in self.files:

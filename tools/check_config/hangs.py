@@ -58,7 +58,7 @@ def kinds(world):
         yield Hang(WHOLE, "zombie", name, state="Z")
         yield Hang(WHOLE, "zombie, others asleep", name, state="Z", others="asleep")
     for name in [name for name in names if processes[name]][:1]:
-        yield Hang("process with threads", "zombie", name, state="Z")
+        yield Hang("process with threads", "main thread a zombie", name, state="Z")
         yield Hang("thread", "in D", name, processes[name][0])
         for thread in others_of(name, processes)[:1]:
             yield Hang("thread", "missing", name, thread)
@@ -110,8 +110,8 @@ def play_of(world, hang, processes, absent, parent):
 
 
 def answer_of(world, hang, tid, events):
-    """Seconds of the dump, the first act and from one act to the next, each [earliest, latest]: it
-    got stuck right before the scan that finds it so, or right after the one before. Empty: never."""
+    """Seconds of the dump, the first act and from one act to the next, each (earliest, latest): it
+    got stuck right before the scan that finds it so, or right after the one before. Never: ()."""
     turns = [seconds for seconds, text in events if text.startswith("alarm")]
     scan = next(seconds for seconds in turns if seconds >= begin_of(world))
     scan_before = max(seconds for seconds in turns if seconds < scan)
@@ -144,7 +144,7 @@ def union(answers):
 
 
 def circumstances(world, hang):
-    """What else may be absent, in words, and as variants: threads by process, and what is absent."""
+    """What else may be absent: words, and variants of threads by process and what is absent."""
     processes = world.processes
     threads = [(name, thread) for name in processes for thread in others_of(name, processes)]
     yield from [(words, list(variants_without(processes, absent[0]))) for words, absent in [

@@ -3,9 +3,13 @@ import textwrap
 
 from .device import Device
 from .hangs import responses
-from .reading import say
 
 WIDTH, FIRST, CELL = 100, 58, 14
+
+
+def say(line="", file=None):
+    """Names may hold what would move a terminal's cursor."""
+    print("".join(char if char.isprintable() else ascii(char)[1:-1] for char in line), file=file)
 
 
 def describe(world):
@@ -59,7 +63,7 @@ def say_table(rows):
     say("Seconds after a task got stuck".ljust(FIRST) +
         "".join(word.rjust(CELL) for word in ("dump", "act", "then each")))
     for (what, when, answer), hows in lines.items():
-        text = f"{what} {', or '.join(dict.fromkeys(hows))}" + (f"; {when}" if when else "")
+        text = f"{what}: {', or '.join(dict.fromkeys(hows))}" + (f"; {when}" if when else "")
         first, *rest = textwrap.wrap(text, FIRST - 3, subsequent_indent="  ")
         say(f"  {first:{FIRST - 2}}" + "".join(cell(window).rjust(CELL) for window in answer))
         for line in rest:

@@ -1,4 +1,4 @@
-"""What stands in the files: their bytes, and the faults that the schema tells; and a line told."""
+"""What stands in the files: their bytes, and the faults that the schema tells."""
 import itertools
 import json
 import os
@@ -21,11 +21,6 @@ PATIENCE = 3  # s for the schema: some lists of thousands take hours
 
 class Refused(Exception):
     """Ends the command with one line."""
-
-
-def say(line="", file=None):
-    """Names may hold what would move a terminal's cursor."""
-    print("".join(char if char.isprintable() else ascii(char)[1:-1] for char in line), file=file)
 
 
 def read_file(path):

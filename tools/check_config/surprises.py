@@ -91,11 +91,12 @@ def hang_warnings(world, rows):
              if dump and dump[1] < world.timeout / 2 and not when]
     whole = [hang.process for hang in never + early if hang.what == WHOLE]
     if world.settings["use_shell"] and never:
-        words = ", ".join(dict.fromkeys(f"{hang.what} {hang.how}" for hang in never))
+        words = "; ".join(dict.fromkeys(f"{hang.what}, {hang.how}" for hang in never))
         yield SHELL, f"never found: {words}; switch it off"
     elif whole:
-        yield LIST, (f"{whole[0]}: as a whole it is sampled twice in some scans, and so found "
-                     'never or in half the time; name its main thread in "thread"')
+        yield LIST, (f"{whole[0]}: as a whole it is sampled twice, or by the time of all threads, "
+                     "in a scan that walks, and so found never or in half the time; name its main "
+                     'thread in "thread"')
 
 
 def property_warnings(world):
@@ -124,7 +125,7 @@ def setting_warnings(world):
          "empty: nobody is watched, in shell mode everyone; fill it"),
         (binder["enable"] and binder["timeout"] < settings["timeout"], PREFIX + "timeout",
          f'"monitor_binder" keeps {binder["timeout"] // 1000} s; raise "timeout_second" instead'),
-        (not world.idle and not world.is_small, SCAN, f"not played: more than {MAX_SAMPLES} samples "
+        (not world.idle and not world.is_small, SCAN, f"not played: over {MAX_SAMPLES} samples "
          'in a time-out; watch less, or lower "round"')]
 
 
