@@ -63,7 +63,7 @@ class BadInput(Case):
             "monitor_process.list[0].process": [*bad_names, "bin/a"],
             "monitor_process.list[0].thread[0]": [*bad_names, "surfaceflinger_1"],
             "monitor_binder.uid_map[0].name": bad_names,
-            "monitor_binder.wchans[0]": ["0", "binder_thread_read", "w\n"]}
+            "monitor_binder.wchans": [["0"], ["binder_thread_read"], ["w\n"]]}
         for path, values in table.items():
             *parents, last = [int(word) if word.isdigit() else word
                               for word in re.findall(r"\w+", f"Config.{path}")]
