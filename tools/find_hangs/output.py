@@ -2,7 +2,6 @@
 import collections
 import json
 
-from . import prefixes
 
 TITLES = ("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION", "FILE")
 MOST_BOOTS, MOST_DRAWN = 20, 200  # boots, and hangs of each; a picture of more cannot be read
