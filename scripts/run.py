@@ -22,6 +22,8 @@ import sandbox
 from demonstration import TIMEOUT
 
 TOOLS = pathlib.Path(__file__).resolve().parent.parent / "tools"
+sys.path.append(str(TOOLS))
+from check_config.reading import read_properties  # also what getprop prints
 DEADLINE = 60  # s, for the last report of the demonstration
 INTRODUCTION = f"""\
 The daemon watches tasks of which some are really stuck. With its time-out of {TIMEOUT} s, dumps
@@ -129,7 +131,9 @@ def run_configuration(build, options, files):
 
     config, *properties = files
     with sandbox.directory(pathlib.Path(config).read_text(), "--keep" in options) as root:
-        command = sandbox.command(build, root, *properties,
+        lines = root / "properties"
+        lines.write_bytes(b"".join(map(read_properties, properties)))
+        command = sandbox.command(build, root, lines,
                                   send_signals="--no-signals" not in options)
         interrupts = []
         signal.signal(signal.SIGINT, lambda *_: interrupts.append(True))

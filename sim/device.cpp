@@ -74,7 +74,8 @@ void Device::change_task(const std::string& ids, const Task& changes) {
     const std::string process = task_directory(pid), thread = task_directory(pid + "/" + tid);
     std::map<std::string, Task>& threads = tasks[pid];
     const Task main_thread = threads.try_emplace(pid, kDefaults).first->second;
-    Task& task = threads.try_emplace(tid, main_thread).first->second;
+    Task& task = threads[tid];
+    task.insert(main_thread.begin(), main_thread.end());
     for (const auto& [key, value] : changes) task[key] = value;
 
     write_task_files(thread, task);
@@ -105,6 +106,11 @@ void Device::remove_task(const std::string& ids) {
     const std::string directory = task_directory(ids);
     files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
     tasks.erase(ids);
+    // Of a thread its process keeps the times.
+    const auto [pid, tid] = cut(ids, "/");
+    for (auto& [id, task] : tasks[pid]) {
+        if (id == tid) task = {{"utime", task["utime"]}, {"stime", task["stime"]}};
+    }
 }
 
 std::string Device::output_of(const std::string& command) const {

@@ -42,6 +42,7 @@ class Device {
                                            {"cost", 0},   {"untyped", 0},  {"sorted", 0}};
     std::string watched = "kill|kmsg";              // regular expression of the events told
     int64_t start_ms = 1000000, now_ms = start_ms;  // of the monotonic clock
+    int64_t slept_us = 0;                           // what is no whole ms yet
     void (*signal_handler)(int) = nullptr;          // the daemon's
 
     std::string step_in_progress;  // none between two steps

@@ -1,5 +1,6 @@
 // The functions through which the daemon and the libraries under it reach the system, defined anew:
-// while there is a device, they answer for it. Outside of a play they are the C library's own.
+// they answer for the device. Those that the program around a play needs as well are the C
+// library's own outside of it; the others are not called there.
 
 #include <android-base/strings.h>
 #include <android/log.h>
@@ -46,7 +47,7 @@ struct OpenFile {
 };
 
 std::map<int, OpenFile> open_files;
-int unwritten_ids;  // queued for the worker thread, as far as the log tells
+int unwritten_ids;  // queued for the worker thread, as the log tells with debug on
 
 // Gives the worker thread of the I/O-wait list time.
 void await_worker(const std::function<bool()>& is_done) {
@@ -216,7 +217,7 @@ ssize_t read(int fd, void* data, size_t size) {
     std::string& content = file->second.content;
     const size_t count = content.copy(static_cast<char*>(data), size);
     content.erase(0, count);
-    // At the end, when there is something to be forgotten.
+    // A read that fails comes after all that was read, which must be forgotten then.
     return count == 0 && fails("read " + file->second.path) ? -1 : static_cast<ssize_t>(count);
 }
 
@@ -271,7 +272,9 @@ int usleep(useconds_t us) {
     await_worker([] { return unwritten_ids <= 0; });
     const std::lock_guard lock(play_mutex);
     record("usleep", us);
-    device->now_ms += us / 1000 + device->settings["late"];
+    device->slept_us += us;
+    device->now_ms += device->slept_us / 1000 + device->settings["late"];
+    device->slept_us %= 1000;
     return 0;
 }
 

@@ -50,6 +50,13 @@ struct Recorder : Module {
     void check_process_sh() override { tell("check_process_sh"); }
     void dump() override { tell("dump"); }
     void pre_check() override { tell("pre_check"); }
+    void post_check(std::string process, std::string path) override {
+        tell("post_check", process, path);
+    }
+    void check_thread(std::string process, int pid, std::string comm, int tid,
+                      std::string path) override {
+        tell("check_thread", process, pid, comm, tid, path);
+    }
 
     template <typename... Words>
     bool tell(const Words&... words) {
@@ -136,6 +143,8 @@ TEST(Config, ReachesEveryModuleInOrder) {
         Config& config = Config::get();
         config.modules = {new Recorder("first"), new Recorder("second")};
         REQUIRE(!config.need_traverse() && !config.check_process("app", 10, "/proc/10"));
+        config.check_thread("app", 10, "t", 11, "/proc/10/task/11");
+        config.post_check("app", "/proc/10");
         config.pre_check();
         config.check_process_sh();
         config.scan_process({30});
@@ -144,6 +153,9 @@ TEST(Config, ReachesEveryModuleInOrder) {
     EXPECT_EQ(events_of("", every_operation),
               "0 first need_traverse\n0 second need_traverse\n"
               "0 first check_process app 10 /proc/10\n0 second check_process app 10 /proc/10\n"
+              "0 first check_thread app 10 t 11 /proc/10/task/11\n"
+              "0 second check_thread app 10 t 11 /proc/10/task/11\n"
+              "0 first post_check app /proc/10\n0 second post_check app /proc/10\n"
               "0 first pre_check\n0 second pre_check\n"
               "0 first check_process_sh\n0 second check_process_sh\n"
               "0 first scan 30\n0 second scan 30\n0 first dump\n0 second dump\n");
@@ -157,8 +169,8 @@ TEST(Config, KeepsTheOrderOfItsModules) {
         REQUIRE(config.modules[1] == config.black_white_list);
         REQUIRE(config.modules[2] == config.process_monitor);
     };
-    EXPECT_EQ(events_of("debug false; binder uids=9; iowait app; process app", body).find("hold"),
-              std::string::npos);
+    EXPECT_EQ(events_of("debug false; binder uids=9; iowait app; process app", body),
+              "0 global_detect_mode 1\n0 max_iowait_timeout_cnt 0\n0 max_iowait_task_cnt 0\n");
 }
 
 TEST(BinderMonitor, KeepsTheUserOfAThread) {

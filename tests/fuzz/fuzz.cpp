@@ -53,9 +53,25 @@ void walk(Config& config) {
     }
 }
 
+// Leaves nothing of the input before.
+void reset(Config& config) {
+    delete std::exchange(config.binder_monitor, nullptr);
+    delete std::exchange(config.black_white_list, nullptr);
+    delete std::exchange(config.process_monitor, nullptr);
+    config.modules.clear();
+    config.hw_list.clear();
+    config.process_list.clear();
+    config.enable = config.debug = config.use_shell = false;
+    config.process_enable = config.binder_enable = config.hw_enable = config.bw_enable = false;
+    config.policy = kPolicyNothing;
+    config.timeout = config.interval = config.interval_min = config.round = 0;
+    texts.clear();
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const char* data, size_t size) {
     __android_log_set_logger([](auto...) {});  // formatted, but not written
     debug_gate = true;
+    reset(Config::get());
     std::istringstream pieces(BEGINNING + std::string(data, size));
     std::string name, text;
     while (getline(getline(pieces, name, ':'), text, '~')) texts[name].push_back(text);
@@ -70,13 +86,6 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, size_t size) {
         }
     } catch (const Json::Exception&) {  // of Debian's library; the platform's ends the process
     }
-    delete std::exchange(config.binder_monitor, nullptr);
-    delete std::exchange(config.black_white_list, nullptr);
-    delete std::exchange(config.process_monitor, nullptr);
-    config.modules.clear();
-    config.hw_list.clear();
-    config.process_list.clear();
-    texts.clear();
     return 0;
 }
 

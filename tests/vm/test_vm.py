@@ -35,7 +35,8 @@ def fetch_packages(debian, target):
         ["apt-cache", "depends", f"linux-image-{debian}:{debian}"], text=True)
     kernel = re.search(r"Depends: (linux-image-[^\s:]+)", newest)[1]
     new = target.with_suffix(".new")
-    new.mkdir(parents=True, exist_ok=True)
+    shutil.rmtree(new, ignore_errors=True)  # of a fetch that was interrupted
+    new.mkdir(parents=True)
     names = [f"{name}:{debian}" for name in [kernel, "busybox-static", "libcap-ng0", "util-linux"]]
     subprocess.run(["apt-get", "-qq", "download", *names], cwd=new, check=True)
     for archive in new.glob("*.deb"):
