@@ -233,6 +233,14 @@ ssize_t write(int fd, const void* data, size_t size) {
     return static_cast<ssize_t>(size);
 }
 
+off_t lseek(int fd, off_t offset, int origin) noexcept {
+    const std::lock_guard lock(play_mutex);
+    if (open_files.count(fd) == 0) return REAL(lseek)(fd, offset, origin);
+    record("lseek", offset);
+    return offset;
+}
+off64_t lseek64(int fd, off64_t offset, int origin) noexcept __attribute__((alias("lseek")));
+
 long syscall(long number, ...) {
     long a[6];
     va_list arguments;
