@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "sim/open_files.h"
 #include "sim/running_play.h"
 
 int tovrel_main();

@@ -17,9 +17,6 @@ extern std::recursive_mutex play_mutex;
 // takes longer ends the play.
 void limit_turn();
 
-// The daemon begins: what is open now is not its own.
-void remember_open_descriptors();
-
-// What the daemon has left open: paths, commands, other descriptors, and a child that it has not
-// waited for. Waits until the worker thread is at rest.
-std::string left_open();
+// Counts a call of the daemon, such as "open /dev/kmsg". Whether it is to fail now; errno is set
+// then.
+bool fails(const std::string& call);

@@ -97,8 +97,9 @@ class Documents(unittest.TestCase):
         for page, text in PAGES.items():
             for block in re.findall(r"```sh\n(.*?)```", text, re.DOTALL):
                 subprocess.run(["bash", "-n"], input=block, text=True, check=True)
-            commands = re.findall(r"(?:^|`)((?:scripts|tools)/[a-z0-9-]+[^`\n]*)", text, re.MULTILINE)
-            for command in set(commands):
+            commands = set(re.findall(r"(?:^|`)((?:scripts|tools)/[a-z0-9-]+[^`\n]*)", text,
+                                      re.MULTILINE))
+            for command in commands:
                 with self.subTest(page=page.name, command=command):
                     program, *words = command.split()
                     usage = subprocess.check_output([ROOT / program, "--help"], text=True)
@@ -108,7 +109,8 @@ class Documents(unittest.TestCase):
     def test_examples(self):
         """What is told of a play happens in it."""
         for page, text in PAGES.items():
-            examples = re.findall(r"```sh\n(build/release/rehearse [^`]*)```\n+```\n([^`]*)```", text)
+            examples = re.findall(
+                r"```sh\n(build/release/rehearse [^`]*)```\n+```\n([^`]*)```", text)
             for command, told in examples:
                 with self.subTest(page=page.name, command=command):
                     played = subprocess.run(
