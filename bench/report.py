@@ -2,8 +2,8 @@
 """Measures what scans cost beside a population of sleeping tasks on the live /proc, and writes it
 between the marker lines of docs/performance.md.
 
-usage: report.py [OLD NEW]    prints instead what the scans of NEW cost over those of OLD, both build
-                              directories of the preset bench
+usage: report.py [OLD NEW]    prints instead what the scans of NEW cost over those of OLD; both are
+                              build directories of the preset bench
 """
 import contextlib
 import itertools
