@@ -101,6 +101,8 @@ TEST(ProcessInfo, IsUnboundWithItsThreads) {
     process_info process;
     EXPECT_FALSE(process.started || process.main_only || process.zygote_child);
     EXPECT_EQ(process.pid, -1);
+    EXPECT_EQ(process.ppid, -1);
+    EXPECT_EQ(process.state, '?');
     process = {true, true, true, 5, 6, 'D', "name", {}};
     process.threads["thread"].count = 7;
     process.unbind();
