@@ -100,5 +100,4 @@ def main():
     return 0 if good else 1
 
 
-if __name__ == "__main__":
-    sys.exit(main())
+sys.exit(main())
