@@ -80,8 +80,8 @@ def numbers_of_boots(hangs):
 
 
 def plot(hangs, path):
-    """Draws a bar for each hang, on an axis for each boot. Returns how many hangs are drawn; without
-    any there is no picture.
+    """Draws a bar for each hang, on an axis for each boot. Returns how many hangs are drawn;
+    without any there is no picture.
     """
     from matplotlib import pyplot
     pyplot.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tovrel",
