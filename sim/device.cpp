@@ -1,18 +1,28 @@
 #include "sim/device.h"
 
-#include <android-base/parseint.h>
 #include <android-base/strings.h>
-#include <regex.h>
+#include <stdlib.h>
+
+#include <regex>
 
 #include "proc/string_split.h"
 #include "sim/play.h"
 
 namespace {
 
-// Of "10" or "10/11".
-std::string task_directory(const std::string& ids) {
-    const auto [pid, tid] = cut(ids, "/");
-    return "/proc/" + pid + (tid.empty() ? "/" : "/task/" + tid + "/");
+const Task kNewTask = {{"comm", ""},   {"state", "S"}, {"ppid", "1"}, {"utime", "7"},
+                       {"stime", "1"}, {"runs", "5"},  {"uid", "9"},  {"user", "u"},
+                       {"wchan", "0"}, {"cgroup", "/"}};
+
+std::string thread_directory(const std::string& pid, const std::string& tid) {
+    return "/proc/" + pid + "/task/" + tid + "/";
+}
+
+std::string sum(const std::map<std::string, Task>& threads, const std::string& key) {
+    uint64_t total = 0;
+    for (const auto& [tid, thread] : threads)
+        total += strtoull(thread.at(key).c_str(), nullptr, 10);
+    return std::to_string(total);
 }
 
 // The first word of its command line.
@@ -20,41 +30,16 @@ std::string program_of(const Task& task) {
     return task.at(task.count("cmd") != 0 ? "cmd" : "comm");
 }
 
-std::string stat_of(const std::string& id, const Task& task, const std::string& times) {
-    return id + " (" + task.at("comm") + ") " + task.at("state") + " " + task.at("ppid") +
-           " 1 1 0 -1 4194560 9 8 7 6 " + times + " 0 0 20\n";
-}
-
-// The kernel gives a process the time of all its threads, also of those that are gone.
-std::string times_of_all(const std::map<std::string, Task>& threads) {
-    uint64_t utime = 0, stime = 0;
-    for (const auto& [tid, thread] : threads) {
-        uint64_t of_user = 0, of_system = 0;
-        REQUIRE(android::base::ParseUint(thread.at("utime"), &of_user));
-        REQUIRE(android::base::ParseUint(thread.at("stime"), &of_system));
-        utime += of_user;
-        stime += of_system;
-    }
-    return std::to_string(utime) + " " + std::to_string(stime);
-}
-
-// A line of `ps` in the columns of the platform.
-std::string listing_line(const std::string& ids, const Task& task, const std::string& name) {
-    return task.at("user") + "  " + ids + " " + task.at("ppid") + " 1 2 " + task.at("wchan") +
-           " 0 " + task.at("state") + " " + name + "\n";
-}
-
 // `grep PATTERN` or `grep -E "PATTERN"`
-std::string matching_lines(const std::string& listing, std::string pattern) {
-    const bool is_extended = android::base::StartsWith(pattern, "-E ");
-    if (is_extended) pattern = pattern.substr(4, pattern.size() - 5);
-    regex_t form;
-    REQUIRE(regcomp(&form, pattern.c_str(), is_extended ? REG_EXTENDED : 0) == 0);
+std::string matching_lines(const std::string& listing, const std::string& arguments) {
+    const bool is_extended = android::base::StartsWith(arguments, "-E ");
+    const std::regex pattern =
+            is_extended ? std::regex(arguments.substr(4, arguments.size() - 5), std::regex::egrep)
+                        : std::regex(arguments, std::regex::grep);
     std::string lines;
     for (const std::string& line : string_split(listing, "\n")) {
-        if (regexec(&form, line.c_str(), 0, nullptr, 0) == 0) lines += line + "\n";
+        if (std::regex_search(line, pattern)) lines += line + "\n";
     }
-    regfree(&form);
     return lines;
 }
 
@@ -67,50 +52,42 @@ std::pair<std::string, std::string> cut(const std::string& text, const std::stri
 }
 
 void Device::change_task(const std::string& ids, const Task& changes) {
-    static const Task kDefaults = {{"ppid", "1"}, {"utime", "7"}, {"stime", "1"}, {"runs", "5"},
-                                   {"uid", "9"},  {"user", "u"},  {"wchan", "0"}, {"cgroup", "/"}};
     const auto [pid, thread_id] = cut(ids, "/");
     const std::string tid = thread_id.empty() ? pid : thread_id;
-    const std::string process = task_directory(pid), thread = task_directory(pid + "/" + tid);
+    const std::string directory = thread_directory(pid, tid);
     std::map<std::string, Task>& threads = tasks[pid];
-    const Task main_thread = threads.try_emplace(pid, kDefaults).first->second;
-    Task& task = threads[tid];
-    task.insert(main_thread.begin(), main_thread.end());
-    for (const auto& [key, value] : changes) task[key] = value;
-
-    write_task_files(thread, task);
-    files[thread + "stat"] = stat_of(tid, task, task["utime"] + " " + task["stime"]);
-    if (tid == pid) {
-        write_task_files(process, task);
-        files[process + "cmdline"] = program_of(task);
-    } else if (files.count(process + "stat") == 0) {
-        return;
+    const bool has_main_thread = threads.count(pid) != 0;
+    const bool is_new = files.count(directory + "stat") == 0;
+    if (is_new) threads[tid] = has_main_thread ? threads[pid] : kNewTask;
+    for (const auto& [key, value] : changes) {
+        if (key != "cmd" && kNewTask.count(key) == 0) fail("a task has no '" + key + "'");
+        threads[tid][key] = value;
     }
-    files[process + "stat"] = stat_of(pid, threads[pid], times_of_all(threads));
+    write_files(directory, tid, threads[tid]);
+    if (threads.count(pid) == 0) return;
+    Task process = threads[pid];
+    // The kernel gives a process the time of all its threads, also of those that are gone.
+    for (const char* time : {"utime", "stime"}) process[time] = sum(threads, time);
+    write_files("/proc/" + pid + "/", pid, process);
 }
 
-void Device::write_task_files(const std::string& directory, const Task& task) {
-    files[directory + "cgroup"] = "4:freezer:" + task.at("cgroup") + "\n";
+void Device::write_files(const std::string& directory, const std::string& id, const Task& task) {
+    files[directory + "stat"] = id + " (" + task.at("comm") + ") " + task.at("state") + " " +
+                                task.at("ppid") + " 1 1 0 -1 4194560 9 8 7 6 " + task.at("utime") +
+                                " " + task.at("stime") + " 0 0 20\n";
     files[directory + "schedstat"] = "900 80 " + task.at("runs") + "\n";
-    files[directory + "comm"] = task.at("comm") + "\n";
-    files[directory + "wchan"] = task.at("wchan");
     files[directory + "status"] = "Name:\tx\nUid:\t" + task.at("uid") + "\t0\t0\t0\n";
-}
-
-void Device::change_file(const std::string& ids, const std::string& name,
-                         const std::string& content) {
-    files[task_directory(ids) + name] = content;
+    files[directory + "cgroup"] = "4:freezer:" + task.at("cgroup") + "\n";
+    files[directory + "comm"] = task.at("comm") + "\n";
+    files[directory + "cmdline"] = program_of(task);
+    files[directory + "wchan"] = task.at("wchan");
 }
 
 void Device::remove_task(const std::string& ids) {
-    const std::string directory = task_directory(ids);
+    const auto [pid, tid] = cut(ids, "/");
+    const std::string directory = tid.empty() ? "/proc/" + pid + "/" : thread_directory(pid, tid);
     files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
     tasks.erase(ids);
-    // Of a thread its process keeps the times.
-    const auto [pid, tid] = cut(ids, "/");
-    for (auto& [id, task] : tasks[pid]) {
-        if (id == tid) task = {{"utime", task["utime"]}, {"stime", task["stime"]}};
-    }
 }
 
 std::string Device::output_of(const std::string& command) const {
@@ -122,15 +99,12 @@ std::string Device::output_of(const std::string& command) const {
     for (const auto& [pid, threads] : tasks) {
         if (!chosen_pid.empty() && pid != chosen_pid) continue;
         for (const auto& [tid, task] : threads) {
-            const std::string stat =
-                    task_directory(std::string(pid).append("/").append(tid)) + "stat";
-            if (files.count(stat) == 0) continue;  // it is gone
-            if (with_threads) {
-                const std::string ids = std::string(pid).append(" ").append(tid);
-                listing += listing_line(ids, task, task.at("comm"));
-            } else if (tid == pid) {
-                listing += listing_line(pid, task, program_of(task));
-            }
+            const bool is_gone = files.count(thread_directory(pid, tid) + "stat") == 0;
+            if (is_gone || (!with_threads && tid != pid)) continue;
+            const std::string ids = with_threads ? std::string(pid).append(" ").append(tid) : pid;
+            listing += task.at("user") + "  " + ids + " " + task.at("ppid") + " 1 2 " +
+                       task.at("wchan") + " 0 " + task.at("state") + " " +
+                       (with_threads ? task.at("comm") : program_of(task)) + "\n";
         }
     }
     for (std::string rest = patterns; !rest.empty(); rest = cut(rest, "|grep ").second) {

@@ -2,6 +2,7 @@
 
 #include <android-base/file.h>
 #include <android-base/strings.h>
+#include <poll.h>
 #include <regex.h>
 #include <signal.h>
 #include <string.h>
@@ -11,12 +12,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <vector>
+#include <filesystem>
 
-#include "sim/open_files.h"
 #include "sim/running_play.h"
-
-int tovrel_main();
 
 // AddressSanitizer's search for memory that nothing refers to, in a program that has it.
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
@@ -26,7 +24,7 @@ std::recursive_mutex play_mutex;
 
 namespace {
 
-constexpr int kTurnSeconds = 10;
+constexpr int kTurnSeconds = 10, kWorkerMs = 2000;  // of real time
 
 // Between the events and the failure.
 constexpr char kFailure[] = "\x1d";
@@ -34,32 +32,28 @@ constexpr char kFailure[] = "\x1d";
 int record_file;
 regex_t watched;
 std::vector<std::string> events_of_now;  // not yet written
-int64_t time_of_events = 0;
+double seconds_of_events = 0;
+size_t descriptors_before = 0;
+int unwritten_ids = 0;  // queued for the worker thread, as the log tells with debug on
 
-// The system properties, where host/properties.cpp reads them.
-void write_properties() {
-    const int file = memfd_create("properties", MFD_CLOEXEC);
-    std::ostringstream lines;
-    lines << device->property_lines << '\n';
-    for (const auto& [name, value] : device->properties) lines << name << '=' << value << '\n';
-    REQUIRE(android::base::WriteStringToFd(lines.str(), file));
-    setenv("TOVREL_PROPERTIES", ("/proc/self/fd/" + std::to_string(file)).c_str(), 1);
+size_t count_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // The process of a play.
-[[noreturn]] void run(const std::string& steps, const std::function<void(Device&)>& prepare) {
+[[noreturn]] void run(const std::string& steps, const std::function<void()>& program) {
     device = new Device;
     limit_turn();
     device->take(steps);
     if (regcomp(&watched, ("^(leaked|" + device->watched + ")").c_str(), REG_EXTENDED) != 0) {
         fail("'" + device->watched + "' is no regular expression");
     }
-    write_properties();
+    const int properties = data_file(device->properties);  // for host/properties.cpp
+    setenv("TOVREL_PROPERTIES", ("/proc/self/fd/" + std::to_string(properties)).c_str(), 1);
     device->files.emplace("/vendor/etc/tovrel.json",
                           "{\"Config\":" + device->config.toStyledString() + "}");
-    remember_open_descriptors();
-    if (prepare) prepare(*device);
-    tovrel_main();
+    descriptors_before = count_descriptors();
+    program();
     fail("the daemon's main has returned");
 }
 
@@ -73,10 +67,30 @@ void write_events() {
     if (device->settings["sorted"] != 0) std::sort(events_of_now.begin(), events_of_now.end());
     std::ostringstream lines;
     lines.precision(9);  // milliseconds, for days
-    const double seconds = static_cast<double>(time_of_events - device->start_ms) / 1000;
-    for (const std::string& event : events_of_now) lines << seconds << ' ' << event << '\n';
+    for (const std::string& event : events_of_now)
+        lines << seconds_of_events << ' ' << event << '\n';
     events_of_now.clear();
     android::base::WriteStringToFd(lines.str(), record_file);
+}
+
+void record_leaks() {
+    await_worker();
+    for (const auto& [fd, file] : open_files) {
+        // That directory may wait for the first walk.
+        if (file.path != "/proc/") record("leaked", file.path);
+    }
+    if (count_descriptors() != descriptors_before + open_files.size())
+        record("leaked a descriptor");
+    if (waitpid(-1, nullptr, WNOHANG) != -1) record("leaked a child");
+    const bool can_check = __lsan_do_recoverable_leak_check != nullptr;
+    if (can_check && __lsan_do_recoverable_leak_check() != 0) record("leaked memory");
+}
+
+bool worker_is_at_rest() {
+    const std::lock_guard lock(play_mutex);
+    return unwritten_ids <= 0 && std::none_of(open_files.begin(), open_files.end(), [](auto& file) {
+               return android::base::EndsWith(file.second.path, "per_task_detect_mode");
+           });
 }
 
 // How a process ended that did not say so itself.
@@ -88,10 +102,10 @@ std::string end_of(int status) {
 
 }  // namespace
 
-Outcome play(const std::string& steps, const std::function<void(Device&)>& prepare) {
-    record_file = memfd_create("records", MFD_CLOEXEC);
+Outcome play(const std::string& steps, const std::function<void()>& program) {
+    record_file = data_file("");
     const pid_t child = fork();
-    if (child == 0) run(steps, prepare);
+    if (child == 0) run(steps, program);
     int status = 0;
     REQUIRE(child > 0 && waitpid(child, &status, 0) == child);
     std::string records;
@@ -102,40 +116,52 @@ Outcome play(const std::string& steps, const std::function<void(Device&)>& prepa
     return {events, status == 0 || !failure.empty() ? failure : end_of(status)};
 }
 
-void limit_turn() {
-    const itimerval limit = {{0, 0}, {kTurnSeconds, 0}};
-    setitimer(ITIMER_REAL, &limit, nullptr);
-}
-
 void add_event(const std::string& event) {
     const std::lock_guard lock(play_mutex);
-    if (device->on_event) device->on_event(event);
+    const bool is_worker_error = event[0] == 'E' && event.find("per_task") != std::string::npos;
+    if (android::base::StartsWith(event, "I add_pids")) ++unwritten_ids;
+    if (android::base::StartsWith(event, "per_task") || is_worker_error) --unwritten_ids;
     if (regexec(&watched, event.c_str(), 0, nullptr, 0) != 0) return;
-    if (device->now_ms != time_of_events) write_events();
-    time_of_events = device->now_ms;
+    const double seconds = static_cast<double>(device->now_us / 1000) / 1000;
+    if (seconds != seconds_of_events) write_events();
+    seconds_of_events = seconds;
     events_of_now.push_back(escaped(event));
 }
 
 void end_play() {
     record("calls", device->calls, "in all");
-    const std::string leaked = left_open();
-    if (!leaked.empty()) record("leaked", leaked);
-    const bool can_check = __lsan_do_recoverable_leak_check != nullptr;
-    if (can_check && __lsan_do_recoverable_leak_check() != 0) record("leaked memory");
+    record_leaks();
     write_events();
     _exit(0);
 }
 
 void fail(const std::string& why) {
-    std::string text = why;
-    if (device != nullptr && !device->step_in_progress.empty()) {
-        text = "step '" + device->step_in_progress + "': " + why;
-    }
     if (device == nullptr) {
-        fprintf(stderr, "%s\n", text.c_str());
-    } else {
-        write_events();
-        android::base::WriteStringToFd(kFailure + text, record_file);
+        fprintf(stderr, "%s\n", why.c_str());
+        _exit(2);
     }
+    write_events();
+    const std::string& step = device->step_in_progress;
+    const std::string where = step.empty() ? "" : "step '" + step + "': ";
+    android::base::WriteStringToFd(kFailure + where + why, record_file);
     _exit(2);
+}
+
+void limit_turn() {
+    const itimerval limit = {{0, 0}, {kTurnSeconds, 0}};
+    setitimer(ITIMER_REAL, &limit, nullptr);
+}
+
+int data_file(const std::string& content) {
+    const int fd = memfd_create("played", MFD_CLOEXEC);
+    REQUIRE(pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size()));
+    return fd;
+}
+
+void await_worker() {
+    for (int ms = 0; ms < kWorkerMs; ++ms) {
+        if (worker_is_at_rest()) return;
+        poll(nullptr, 0, 1);
+    }
+    fail("the worker thread has not written an id in time");
 }

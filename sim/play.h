@@ -13,11 +13,10 @@ struct Outcome {
 };
 
 // Plays the daemon, from its main on, in a device that begins with `steps`, until its time is up or
-// the daemon ends. `prepare` may change the device before that, or do something else in the
-// daemon's place and then end the play. Everything runs in a process of its own: no play sees
-// another.
-Outcome play(const std::string& steps,
-             const std::function<void(Device& device)>& prepare = nullptr);
+// the daemon ends; or something else in the daemon's place, which then ends the play. Everything
+// runs in a process of its own: no play sees another.
+int tovrel_main();
+Outcome play(const std::string& steps, const std::function<void()>& program = tovrel_main);
 
 // Inside a play:
 

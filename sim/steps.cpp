@@ -26,8 +26,11 @@ constexpr char kConfig[] = R"({
     "monitor_process": {}, "monitor_binder": {}, "default_open_hw_list": {},
     "black_white_list": {} })";
 
-const std::set<std::string> kTaskKeys = {"comm", "state", "cmd",  "ppid",  "utime", "stime",
-                                         "runs", "uid",   "user", "wchan", "cgroup"};
+const std::map<std::string, std::string> kSections = {{"process", "monitor_process"},
+                                                      {"binder", "monitor_binder"},
+                                                      {"iowait", "black_white_list"},
+                                                      {"platform", "default_open_hw_list"}};
+
 const std::set<std::string> kTaskFiles = {"cgroup", "cmdline", "comm", "schedstat",
                                           "stat",   "status",  "wchan"};
 
@@ -57,30 +60,25 @@ Json::Value section_of(const std::string& detector, const std::string& words) {
     Json::Value section;
     section["enable"] = true;
     for (const std::string& word : string_split(words, " ")) {
-        const auto [key, items] = cut(word, "=");
-        if (detector == "process") {
-            section["list"].append(watched_process(word));
-        } else if (detector != "binder") {
-            section["list"].append(word);
-        } else if (key == "uids") {
-            for (const std::string& uid : Split(items, ",")) {
-                section["monitor_uids"].append(number_of(uid));
-            }
-        } else if (key == "wchans") {
-            for (const std::string& wchan : Split(items, ",")) section["wchans"].append(wchan);
+        if (detector == "binder") {
+            const auto [key, items] = cut(word, "=");
+            if (key != "uids" && key != "wchans") fail("'" + word + "' is no uids= or wchans=");
+            Json::Value& list = section[key == "uids" ? "monitor_uids" : "wchans"];
+            for (const std::string& item : Split(items, ",")) list.append(value_of(item));
         } else {
-            fail("'" + word + "' is neither uids= nor wchans=");
+            section["list"].append(detector == "process" ? watched_process(word) : word);
         }
     }
     return section;
 }
 
-int error_number(const std::string& name) {
-    for (int number = 1; number < 200; ++number) {
-        const char* known = strerrorname_np(number);
-        if (known != nullptr && name == known) return number;
+// "round", which stands in one section alone, or "scan.round"; null where there is no such key.
+Json::Value* find_setting(Json::Value& config, const std::string& key) {
+    if (config.isMember(cut(key, ".").first)) return &Json::Path(key).make(config);
+    for (Json::Value& section : config) {
+        if (section.isObject() && section.isMember(key)) return &section[key];
     }
-    fail("'" + name + "' is no error");
+    return nullptr;
 }
 
 // "app S uid=9", or keys alone.
@@ -91,12 +89,16 @@ Task changes_of(const std::string& description) {
         words[1] = "state=" + words[1];
     }
     Task changes;
-    for (const std::string& word : words) {
-        const auto [key, value] = cut(word, "=");
-        if (kTaskKeys.count(key) == 0) fail("'" + word + "' is nothing that a task has");
-        changes[key] = value;
-    }
+    for (const std::string& word : words) changes.insert(cut(word, "="));
     return changes;
+}
+
+int error_number(const std::string& name) {
+    for (int number = 1; number < 200; ++number) {
+        const char* known = strerrorname_np(number);
+        if (known != nullptr && name == known) return number;
+    }
+    fail("'" + name + "' is no error");
 }
 
 std::string content_of(const std::string& host_file) {
@@ -105,9 +107,84 @@ std::string content_of(const std::string& host_file) {
     return content;
 }
 
-// A colon and the text behind it may have a blank in between.
-std::string behind_blank(const std::string& text) {
-    return text[0] == ' ' ? text.substr(1) : text;
+// Name and text of "NAME: TEXT"; the blank may be missing.
+std::pair<std::string, std::string> named_text(const std::string& words) {
+    const auto [name, text] = cut(words, ":");
+    return {name, text[0] == ' ' ? text.substr(1) : text};
+}
+
+void take_task_step(Device& device, const std::string& ids, const std::string& words) {
+    const auto [first, last] = cut(ids, "..");
+    const auto [file, content] = named_text(words);
+    if (!last.empty()) {
+        for (int pid = number_of(first); pid <= number_of(last); ++pid) {
+            take_task_step(device, std::to_string(pid), words);
+        }
+    } else if (kTaskFiles.count(file) != 0) {
+        const auto [pid, tid] = cut(ids, "/");
+        device.files["/proc/" + pid + (tid.empty() ? "/" : "/task/" + tid + "/") + file] = content;
+    } else {
+        device.change_task(ids, changes_of(words));
+    }
+}
+
+// "open /dev/kmsg EINTR once"
+void take_failure(Device& device, const std::string& words) {
+    const bool once = android::base::EndsWith(words, " once");
+    const std::string call_and_error = words.substr(0, words.size() - (once ? 5 : 0));
+    const size_t blank = call_and_error.rfind(' ');
+    if (blank == std::string::npos) fail("the error is missing");
+    const int number = error_number(call_and_error.substr(blank + 1));
+    device.failures[call_and_error.substr(0, blank)] = once ? -number : number;
+}
+
+void take_other_step(Device& device, const std::string& verb, const std::string& words) {
+    const auto [name, value] = cut(words, "=");
+    if (const auto section = kSections.find(verb); section != kSections.end()) {
+        device.config[section->second] = section_of(verb, words);
+    } else if (Json::Value* setting = find_setting(device.config, verb); setting != nullptr) {
+        if (words.empty()) fail("the value is missing");
+        *setting = value_of(words);
+    } else if (device.settings.count(verb) != 0) {
+        device.settings[verb] = number_of(words);
+    } else if (verb == "prop") {
+        const bool is_short = name.find('.') == std::string::npos;
+        device.properties += (is_short ? "persist.vendor.hg." : "") + words + "\n";
+    } else if (verb == "properties") {
+        device.properties += content_of(words) + "\n";
+    } else if (verb == "config") {
+        device.files["/vendor/etc/tovrel.json"] = content_of(words);
+    } else if (verb == "file") {
+        const auto [path, content] = named_text(words);
+        device.files[path] = content;
+    } else if (verb == "unlink") {
+        device.files.erase(words);
+    } else if (verb == "sh") {
+        device.outputs.insert_or_assign(cut(words, " prints ").first,
+                                        cut(words, " prints ").second);
+    } else if (verb == "fail") {
+        take_failure(device, words);
+    } else if (verb == "signal") {
+        if (device.signal_handler == nullptr) fail("the daemon does not handle signals yet");
+        device.signal_handler(number_of(words));
+    } else if (verb == "watch") {
+        device.watched = words;
+    } else {
+        fail("there is no such step");
+    }
+}
+
+void take_step(Device& device, const std::string& step) {
+    const auto [verb, words] = cut(step, " ");
+    if (verb[0] == '@') {
+        device.put_off.emplace(number_of(verb.substr(1)), words);
+    } else if (verb[0] == '-') {
+        device.remove_task(verb.substr(1));
+    } else if (isdigit(verb[0]) != 0) {
+        take_task_step(device, verb, words);
+    } else {
+        take_other_step(device, verb, words);
+    }
 }
 
 }  // namespace
@@ -124,104 +201,15 @@ Device::Device() {
 void Device::take(const std::string& steps) {
     for (const std::string& text : Split(steps, ";")) {
         step_in_progress = text.substr(std::min(text.find_first_not_of(" \n"), text.size()));
-        if (!step_in_progress.empty()) take_step(step_in_progress);
+        if (!step_in_progress.empty()) take_step(*this, step_in_progress);
     }
     step_in_progress.clear();
 }
 
 void Device::take_due_steps() {
-    while (!put_off.empty() && put_off.begin()->first <= now_ms - start_ms) {
+    while (!put_off.empty() && put_off.begin()->first * 1000000 <= now_us) {
         const std::string step = put_off.begin()->second;
         put_off.erase(put_off.begin());
         take(step);
     }
-}
-
-void Device::take_step(const std::string& step) {
-    const auto [verb, words] = cut(step, " ");
-    if (verb[0] == '@') {
-        put_off.emplace(int64_t{number_of(verb.substr(1))} * 1000, words);
-    } else if (verb[0] == '-') {
-        remove_task(verb.substr(1));
-    } else if (isdigit(verb[0]) != 0) {
-        take_task_step(verb, words);
-    } else {
-        take_other_step(verb, words);
-    }
-}
-
-void Device::take_task_step(const std::string& ids, const std::string& words) {
-    const auto [first, last] = cut(ids, "..");
-    if (!last.empty()) {
-        for (int pid = number_of(first); pid <= number_of(last); ++pid) {
-            take_task_step(std::to_string(pid), words);
-        }
-        return;
-    }
-    const auto [file, content] = cut(words, ":");
-    if (kTaskFiles.count(file) != 0) {
-        change_file(ids, file, behind_blank(content));
-    } else {
-        change_task(ids, changes_of(words));
-    }
-}
-
-void Device::take_other_step(const std::string& verb, const std::string& words) {
-    static const std::map<std::string, std::string> kSections = {
-            {"process", "monitor_process"},
-            {"binder", "monitor_binder"},
-            {"iowait", "black_white_list"},
-            {"platform", "default_open_hw_list"}};
-    const auto [name, value] = cut(words, "=");
-    if (const auto section = kSections.find(verb); section != kSections.end()) {
-        config[section->second] = section_of(verb, words);
-    } else if (Json::Value* setting = find_setting(verb); setting != nullptr) {
-        if (words.empty()) fail("the value is missing");
-        *setting = value_of(words);
-    } else if (settings.count(verb) != 0) {
-        settings[verb] = number_of(words);
-    } else if (verb == "prop") {
-        const bool is_short = name.find('.') == std::string::npos;
-        properties[(is_short ? "persist.vendor.hg." : "") + name] = value;
-    } else if (verb == "properties") {
-        property_lines = content_of(words);
-    } else if (verb == "config") {
-        files["/vendor/etc/tovrel.json"] = content_of(words);
-    } else if (verb == "file") {
-        const auto [path, content] = cut(words, ":");
-        files[path] = behind_blank(content);
-    } else if (verb == "unlink") {
-        files.erase(words);
-    } else if (verb == "sh") {
-        const auto [command, output] = cut(words, " prints ");
-        outputs[command] = output;
-    } else if (verb == "fail") {
-        take_failure(words);
-    } else if (verb == "signal") {
-        if (signal_handler == nullptr) fail("the daemon does not handle signals yet");
-        signal_handler(number_of(words));
-    } else if (verb == "watch") {
-        watched = words;
-    } else {
-        fail("there is no such step");
-    }
-}
-
-// "round", which stands in one section alone, or "scan.round".
-Json::Value* Device::find_setting(const std::string& key) {
-    const std::string section_name = cut(key, ".").first;
-    if (config.isMember(section_name)) return &Json::Path(key).make(config);
-    for (Json::Value& section : config) {
-        if (section.isObject() && section.isMember(key)) return &section[key];
-    }
-    return nullptr;
-}
-
-// "open /dev/kmsg EINTR once"
-void Device::take_failure(const std::string& words) {
-    const std::string call_and_error = cut(words, " once").first;
-    const size_t blank = call_and_error.rfind(' ');
-    if (blank == std::string::npos) fail("the error is missing");
-    const int number = error_number(call_and_error.substr(blank + 1));
-    failures[call_and_error.substr(0, blank)] = call_and_error == words ? number : -number;
 }

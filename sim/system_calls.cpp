@@ -5,19 +5,20 @@
 #include <android-base/strings.h>
 #include <android/log.h>
 #include <cutils/android_reboot.h>
+#include <dirent.h>
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <string.h>
-#include <sys/mman.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "sim/open_files.h"
 #include "sim/play.h"
 #include "sim/running_play.h"
 
@@ -28,17 +29,11 @@
         return reinterpret_cast<decltype(&::function)>(found);  \
     }())
 
-namespace {
-
 using android::base::StartsWith;
 
-int unwritten_ids;  // queued for the worker thread, as the log tells with debug on
+std::map<int, OpenFile> open_files;
 
-int data_file(const std::string& content) {
-    const int fd = memfd_create("played", MFD_CLOEXEC);
-    REQUIRE(pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size()));
-    return fd;
-}
+namespace {
 
 // The only other thread of the daemon; its calls come in between.
 bool is_worker_thread() {
@@ -49,27 +44,70 @@ bool is_worker_thread() {
     return true;
 }
 
-}  // namespace
+// Whether the device has the path's place, whether there is such a file or not.
+bool is_played(const std::string& path) {
+    return device != nullptr && !StartsWith(path, "/proc/self/") &&
+           (StartsWith(path, "/proc/") || StartsWith(path, "/vendor/") || path == "/dev/kmsg");
+}
 
+// Counts a call, such as "open /dev/kmsg". Whether it is to fail now; errno is set then.
 bool fails(const std::string& call) {
-    const bool is_counted = !is_worker_thread();
-    errno = is_counted && ++device->calls == device->failing_call ? device->failing_errno : 0;
-    const auto failure = device->failures.find(call);
-    if (failure != device->failures.end()) {
+    const std::string number = is_worker_thread() ? "" : std::to_string(++device->calls);
+    for (const std::string& key : {call, number}) {
+        const auto failure = device->failures.find(key);
+        if (failure == device->failures.end()) continue;
         errno = abs(failure->second);
         if (failure->second < 0) device->failures.erase(failure);
+        return true;
     }
-    return errno != 0;
+    return false;
 }
+
+// What is in the directory, each name behind its type; "." and ".." alone where it is none.
+std::vector<std::string> entries_of(const std::string& directory) {
+    std::vector<std::string> entries = {"4.", "4.."};
+    auto below = device->files.lower_bound(directory);
+    for (; below != device->files.end() && StartsWith(below->first, directory); ++below) {
+        const auto [name, rest] = cut(below->first.substr(directory.size()), "/");
+        if (entries.back().substr(1) == name) continue;
+        const char* type = device->settings["untyped"] != 0 ? "0" : rest.empty() ? "8" : "4";
+        entries.push_back(type + name);
+    }
+    return entries;
+}
+
+int open_played(const std::string& path, int flags) {
+    const std::lock_guard lock(play_mutex);
+    if (android::base::EndsWith(path, "/cmdline")) {
+        device->now_us += int64_t{device->settings["cost"]} * 1000;
+    }
+    if (fails("open " + path)) return -1;
+    const bool is_directory = (flags & O_DIRECTORY) != 0;
+    const bool is_read = !is_directory && (flags & O_ACCMODE) == O_RDONLY;
+    REQUIRE((flags & O_CLOEXEC) != 0);
+    REQUIRE(!is_read || (flags & O_NOFOLLOW) != 0);
+    OpenFile file = {path, "", {}};
+    if (is_directory) file.entries = entries_of(path);
+    const bool exists = is_directory ? file.entries.size() > 2 : device->files.count(path) != 0;
+    if (!exists) {
+        errno = ENOENT;
+        return -1;
+    }
+    if (is_read) file.content = device->files[path];
+    const int fd = eventfd(0, EFD_CLOEXEC);  // the cheapest there is
+    REQUIRE(fd >= 0);
+    open_files[fd] = file;
+    return fd;
+}
+
+}  // namespace
 
 extern "C" {
 
+// Nothing here creates files.
 int open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const int mode = va_arg(arguments, int);
-    va_end(arguments);
-    return is_played(path) ? open_played(path, flags) : REAL(open)(path, flags, mode);
+    REQUIRE((flags & O_CREAT) == 0);
+    return is_played(path) ? open_played(path, flags) : REAL(open)(path, flags);
 }
 int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
@@ -104,7 +142,6 @@ ssize_t write(int fd, const void* data, size_t size) {
     const std::string& path = file->second.path;
     if (fails("write " + path)) return -1;
     record(path.substr(path.rfind('/') + 1), std::string(static_cast<const char*>(data), size));
-    if (path == kPerTaskFile) --unwritten_ids;
     return static_cast<ssize_t>(size);
 }
 
@@ -116,16 +153,30 @@ off_t lseek(int fd, off_t offset, int origin) noexcept {
 }
 off64_t lseek64(int fd, off64_t offset, int origin) noexcept __attribute__((alias("lseek")));
 
+// The daemon makes one such call, getdents64().
 long syscall(long number, ...) {
-    long a[6];
+    REQUIRE(number == SYS_getdents64);
+    const std::lock_guard lock(play_mutex);
     va_list arguments;
     va_start(arguments, number);
-    for (long& argument : a) argument = va_arg(arguments, long);
+    OpenFile& directory = open_files[va_arg(arguments, int)];
+    char* buffer = va_arg(arguments, char*);
+    const size_t size = va_arg(arguments, size_t);
     va_end(arguments);
-    if (device != nullptr && number == SYS_getdents64) {
-        return read_directory(static_cast<int>(a[0]), reinterpret_cast<char*>(a[1]), a[2]);
+    if (fails("getdents " + directory.path)) return -1;
+    size_t used = 0;
+    auto entry = directory.entries.begin();
+    for (; entry != directory.entries.end(); ++entry) {
+        const size_t length = (offsetof(dirent64, d_name) + entry->size() + 7) & ~size_t{7};
+        if (used + length > size) break;
+        auto* record = reinterpret_cast<dirent64*>(buffer + used);
+        record->d_reclen = length;
+        record->d_type = entry->front() - '0';
+        strcpy(record->d_name, entry->c_str() + 1);
+        used += length;
     }
-    return REAL(syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    directory.entries.erase(directory.entries.begin(), entry);
+    return static_cast<long>(used);
 }
 
 FILE* popen(const char* command, const char* mode) {
@@ -147,26 +198,23 @@ int pclose(FILE* stream) {
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
     if (device == nullptr) return REAL(clock_gettime)(clock, time);
     REQUIRE(clock == CLOCK_MONOTONIC_COARSE);
-    *time = {device->now_ms / 1000, device->now_ms % 1000 * 1000000};
+    constexpr int64_t kBootSeconds = 1000;
+    *time = {kBootSeconds + device->now_us / 1000000, device->now_us / 1000 % 1000 * 1000000};
     return 0;
 }
 
 int usleep(useconds_t us) {
-    await_worker([] { return unwritten_ids <= 0; });
+    await_worker();
     const std::lock_guard lock(play_mutex);
     record("usleep", us);
-    device->slept_us += us;
-    device->now_ms += device->slept_us / 1000 + device->settings["late"];
-    device->slept_us %= 1000;
+    device->now_us += us + int64_t{device->settings["late"]} * 1000;
     return 0;
 }
 
 // The top of every turn of the scan loop.
 unsigned alarm(unsigned seconds) noexcept {
-    const int64_t until_ms = int64_t{device->settings["until"]} * 1000;
-    if (device->settings["turns"]-- == 0 || device->now_ms - device->start_ms > until_ms) {
-        end_play();
-    }
+    const int64_t until_us = int64_t{device->settings["until"]} * 1000000;
+    if (device->settings["turns"]-- == 0 || device->now_us / 1000 * 1000 > until_us) end_play();
     limit_turn();
     const std::lock_guard lock(play_mutex);
     record("calls", device->calls);
@@ -216,10 +264,7 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
     vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     REQUIRE(strcmp(tag, "tovrel") == 0);
-    const std::lock_guard lock(play_mutex);
     record("..VDIWEF"[priority], text);
-    if (StartsWith(text, "add_pids")) ++unwritten_ids;
-    if (priority == ANDROID_LOG_ERROR && strstr(text, kPerTaskFile) != nullptr) --unwritten_ids;
     return 1;
 }
 }

@@ -143,10 +143,8 @@ TEST_P(Stories, SurviveACallThatFails) {
         const Consequences as_told = consequences_of(play(steps));
         const int64_t stride = getenv("TOVREL_FAIL_ALL_CALLS") ? 1 : as_told.calls / 3 + 1;
         for (int64_t call = 1 + line % stride; call <= as_told.calls; call += stride) {
-            const Outcome outcome = play(steps, [call](Device& device) {
-                device.failing_call = call;
-                device.failing_errno = call % 2 == 0 ? EINTR : EIO;
-            });
+            const char* error = call % 2 == 0 ? " EINTR" : " EIO";
+            const Outcome outcome = play(steps + "; fail " + std::to_string(call) + error);
             const Consequences now = consequences_of(outcome);
             const bool may_accuse = call <= as_told.calls_of_start || as_told.accused.empty();
             EXPECT_TRUE(outcome.failure.empty() && now.leaked.empty() &&

@@ -19,7 +19,7 @@ namespace {
 
 // What happens when `body` runs in the place of the daemon, under every log line.
 std::string events_of(const std::string& steps, const std::function<void()>& body) {
-    const Outcome outcome = play(steps + "; watch [^c]", [&body](Device&) {
+    const Outcome outcome = play(steps + "; watch [^c]", [&body] {
         body();
         end_play();
     });
