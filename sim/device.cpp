@@ -1,9 +1,8 @@
 #include "sim/device.h"
 
 #include <android-base/strings.h>
+#include <regex.h>
 #include <stdlib.h>
-
-#include <regex>
 
 #include "proc/string_split.h"
 #include "sim/play.h"
@@ -31,15 +30,16 @@ std::string program_of(const Task& task) {
 }
 
 // `grep PATTERN` or `grep -E "PATTERN"`
-std::string matching_lines(const std::string& listing, const std::string& arguments) {
-    const bool is_extended = android::base::StartsWith(arguments, "-E ");
-    const std::regex pattern =
-            is_extended ? std::regex(arguments.substr(4, arguments.size() - 5), std::regex::egrep)
-                        : std::regex(arguments, std::regex::grep);
+std::string matching_lines(const std::string& listing, std::string pattern) {
+    const bool is_extended = android::base::StartsWith(pattern, "-E ");
+    if (is_extended) pattern = pattern.substr(4, pattern.size() - 5);
+    regex_t form;
+    REQUIRE(regcomp(&form, pattern.c_str(), is_extended ? REG_EXTENDED : 0) == 0);
     std::string lines;
     for (const std::string& line : string_split(listing, "\n")) {
-        if (std::regex_search(line, pattern)) lines += line + "\n";
+        if (regexec(&form, line.c_str(), 0, nullptr, 0) == 0) lines += line + "\n";
     }
+    regfree(&form);
     return lines;
 }
 

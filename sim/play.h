@@ -12,10 +12,12 @@ struct Outcome {
     std::string failure;  // why it could not go on: a wrong step, a crash; empty as a rule
 };
 
+// The daemon's.
+int tovrel_main();
+
 // Plays the daemon, from its main on, in a device that begins with `steps`, until its time is up or
 // the daemon ends; or something else in the daemon's place, which then ends the play. Everything
 // runs in a process of its own: no play sees another.
-int tovrel_main();
 Outcome play(const std::string& steps, const std::function<void()>& program = tovrel_main);
 
 // Inside a play:
