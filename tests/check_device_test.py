@@ -26,7 +26,6 @@ DEVICE = {
     "log": "[    0.000000] Linux version 5.15\n",
     "proc/5/task/6/comm": "Binder:5_1\n",
     "proc/5/task/7/comm": "HwBinder:5_1\n",
-    "proc/77/stat": "77 (tovrel) S 1\n",
     "proc/77/cmdline": "/vendor/bin/tovrel\0",
     "proc/77/status": "Gid:\t3009\t3009\nGroups:\t\nCapEff:\t0000000000080020\n",
     "proc/77/attr/current": "u:r:tovrel:s0\0",
@@ -53,11 +52,13 @@ ADD_PROGRAMS = """
     property=properties/persist.vendor.hg
     """
 
-# What changes that device, and how the lines begin that differ then.
+# What changes that device, and how the lines begin that differ then. The capabilities 80020 are
+# KILL and SYS_PTRACE, 80022 has DAC_OVERRIDE, too.
 CHANGES = [
     ("rm $config", "unknown what is used", "missing configuration"),
     ("mv $config file; ln -s /file $config", "missing configuration"),
     ("chmod 600 $config; chown 1000 $config", "missing configuration"),
+    ("chmod 600 $config; chown 1000 $config; sed -i s/80020/80022/ proc/77/status",),
     ("rm -r proc/77", "missing daemon process", "unknown capability KILL", "unknown group 3009",
      "unknown SELinux domain", "unknown capability SYS_PTRACE"),
     ("sed -i s/80020/80000/ proc/77/status", "missing capability KILL"),
@@ -68,7 +69,8 @@ CHANGES = [
     ("echo u:r:su:s0 >proc/77/attr/current", "missing SELinux domain"),
     ("echo 'avc:  denied { kill } scontext=u:r:tovrel:s0' >>log", "missing SELinux log"),
     ("echo '[ 9999.000000] later' >log", "unknown SELinux log"),
-    ("rm proc/kallsyms proc/self/stack", "missing CONFIG_KALLSYMS", "missing CONFIG_STACKTRACE"),
+    ("rm -r proc/kallsyms proc/self", "missing CONFIG_KALLSYMS", "missing CONFIG_STACKTRACE",
+     "missing run counts"),
     ("echo 0 0 0 >proc/self/schedstat", "missing run counts"),
     ("chown 1000 proc/sysrq-trigger", "missing writable /proc/sysrq-trigger"),
     ("echo off >proc/sys/kernel/printk_devkmsg", "missing printk.devkmsg"),
