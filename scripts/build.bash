@@ -1,5 +1,6 @@
 # shellcheck shell=bash
 # Sourced by the commands of this directory: what they do alike. Answers --help for all of them.
+set -euo pipefail
 
 root=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")
 command=$(realpath "$0")
