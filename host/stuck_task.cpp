@@ -1,6 +1,6 @@
-// A task that gets stuck in one way, for demonstrations.
+// A task that gets stuck in one way, for the demonstration and the benchmark.
 //
-// usage: stuck_task STATE SECONDS [THREAD]
+// usage: stuck_task STATE SECONDS [THREAD...]
 //
 // Works for SECONDS and stays in the scheduler state STATE from then on:
 //
@@ -10,10 +10,10 @@
 //   S  sleeps
 //   R  goes on working, 2 ms every 50 ms, which is progress
 //
-// With THREAD, a second thread of that name does so while the main thread waits for it. Prints its
-// process id and thread id once they can be looked for. The process bears the name under which it
-// is started (argv[0]), ignores the signals 3 and 35, which ask an Android process for its stacks,
-// and dies with its parent.
+// With THREADs, further threads of these names do so and the main thread sleeps. Each task prints
+// its process id and thread id when it has its name. The process bears the name under which it is
+// started (argv[0]), ignores the signals 3 and 35, which ask an Android process for its stacks, and
+// dies with its parent.
 
 #include <poll.h>
 #include <signal.h>
@@ -41,6 +41,10 @@ void work_for(std::chrono::duration<double> time) {
     }
 }
 
+[[noreturn]] void sleep_for_ever() {
+    for (;;) poll(nullptr, 0, -1);
+}
+
 void die_with_parent() {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
@@ -52,9 +56,10 @@ void wait_for_vfork(char* process_name) {
     die_with_parent();
     prctl(PR_SET_NAME, "child");
     strncpy(process_name, "child", strlen(process_name));
+    sleep_for_ever();
 }
 
-void get_stuck(char** argv, const char* task_name) {
+[[noreturn]] void get_stuck(char** argv, const char* task_name) {
     prctl(PR_SET_NAME, task_name);
     dprintf(STDOUT_FILENO, "%d %d\n", getpid(), gettid());
     work_for(std::chrono::duration<double>(atof(argv[2])));
@@ -63,14 +68,14 @@ void get_stuck(char** argv, const char* task_name) {
     if (state == 'T') raise(SIGSTOP);
     if (state == 'Z') _exit(EXIT_SUCCESS);
     if (state == 'R') work_for(std::chrono::hours::max());
-    for (;;) poll(nullptr, 0, -1);
+    sleep_for_ever();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3 && argc != 4) {
-        fprintf(stderr, "usage: stuck_task D|T|Z|S|R SECONDS [THREAD]\n");
+    if (argc < 3) {
+        fprintf(stderr, "usage: stuck_task D|T|Z|S|R SECONDS [THREAD...]\n");
         return 2;
     }
     die_with_parent();
@@ -78,5 +83,6 @@ int main(int argc, char** argv) {
     signal(35, SIG_IGN);
     prctl(PR_SET_NAME, argv[0]);
     if (argc == 3) get_stuck(argv, argv[0]);
-    std::thread(get_stuck, argv, argv[3]).join();
+    for (int i = 3; i < argc; ++i) std::thread(get_stuck, argv, argv[i]).detach();
+    sleep_for_ever();
 }
