@@ -23,17 +23,14 @@ from check_config.reading import read_properties  # also what getprop prints
 
 BUILD = 'source "$0"; build release tovrel sandbox stuck_task rehearse settings'
 DEADLINE = 60  # s, for the last report of the demonstration
-INTRODUCTION = f"""\
-The daemon watches tasks of which some are really stuck. With its time-out of \
-{demonstration.TIMEOUT} s, dumps
-are due at half of it after a task stood still, report and reboot (which is only logged) at the
-whole. Each dump in state D, T or Z halts the daemon for 3 s, so that the kernel can write its
-stacks to the log before anything else happens. It all takes about 25 s."""
-
+INTRODUCTION = """\
+Some of the watched tasks are really stuck. Dumps are due 3 s after one stood still, report and
+reboot (which is only logged) after 6 s; each dump in state D, T or Z halts the daemon for 3 s, so
+that the kernel can write its stacks to the log. It all takes about 25 s."""
 LOG_PREFIX = re.compile(r"^\w+ [VDIWEF] \S+ \S+ +\d+ +\d+ ")  # "tovrel I 11-21 15:43:59 134 134 "
 # What is done about a task. Other lines are repeated in every scan.
 STAGE = re.compile(r"dumped|.*pid:\d+ ppid:\d+ |killing|nothing to do|reboot not done|"
-                   r"signal not sent|sysrq:")
+                   r"signal not sent")
 
 
 def parse_arguments():
@@ -51,32 +48,42 @@ def parse_arguments():
     return arguments
 
 
-def watch(daemon, root, is_over=lambda messages: False):
-    """Prints what the daemon logs, with the seconds since now, until it ends or all is over.
-    Returns its status, None if it still runs.
+def play(build, root, send_signals, is_over=lambda messages: False):
+    """Runs the daemon until it ends, all is over or Ctrl-C, and prints what it logs, with the
+    seconds since the start, then who hung. Returns its status, None if it still ran.
     """
+    print(f"The whole log: {sandbox.log_of(root)}\n", flush=True)
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    with sandbox.running(build, root, send_signals) as daemon:
+        try:
+            watch(daemon, root, is_over)
+        except KeyboardInterrupt:
+            pass
+        status = daemon.poll()
+    print(flush=True)
+    subprocess.run([TOOLS / "find-hangs", os.path.relpath(sandbox.log_of(root))])
+    return status
+
+
+def watch(daemon, root, is_over):
     start, messages, kinds = time.monotonic(), [], set()
-    with (sandbox.log_of(root).open(encoding="ascii", errors="backslashreplace", newline="\n")
-          as log, sandbox.log_of(root).open("a") as more, open(root / sandbox.SYSRQ) as sysrq):
+    with (sandbox.log_of(root).open(encoding="ascii", errors="backslashreplace") as log,
+          open(root / sandbox.SYSRQ) as sysrq):
         while True:
             is_last = is_over(messages) or daemon.poll() is not None
-            if "c" in sysrq.read():
-                print("sysrq: Trigger a crash", file=more, flush=True)  # the kernel's own words
+            since_start = f"{time.monotonic() - start:5.1f} s "
             for line in log:
                 message = re.sub(r"[\0-\x1f\x7f]", "?", LOG_PREFIX.sub("", line.rstrip("\n")))
                 messages.append(message)
                 kind = re.sub(r"\d{3,}", "", message)
                 if kind not in kinds or STAGE.match(message):
-                    print(f"{time.monotonic() - start:5.1f} s  {message}", flush=True)
+                    print(since_start, message, flush=True)
                 kinds.add(kind)
+            if "c" in sysrq.read():
+                print(since_start, "crash not done", flush=True)
             if is_last:
-                return daemon.poll()
+                return
             time.sleep(0.1)
-
-
-def print_hangs(root):
-    print(flush=True)
-    subprocess.run([TOOLS / "find-hangs", os.path.relpath(sandbox.log_of(root))])
 
 
 def demonstrate(build, shell, send_signals):
@@ -85,7 +92,6 @@ def demonstrate(build, shell, send_signals):
     # Two demonstrations at once would report each other's tasks.
     fcntl.flock(os.open("/tmp", os.O_RDONLY), fcntl.LOCK_EX)
     root = sandbox.prepare(build, "demo")
-    print(f"The whole log: {sandbox.log_of(root)}\n", flush=True)
     tasks = demonstration.start_tasks(build / "stuck_task", shell)
     (root / sandbox.CONFIG).write_text(demonstration.configuration(tasks, shell))
     deadline = time.monotonic() + DEADLINE
@@ -95,11 +101,9 @@ def demonstrate(build, shell, send_signals):
         faults[:] = demonstration.judge(tasks, messages, root)
         return not faults or time.monotonic() > deadline
 
-    with sandbox.running(build, root, send_signals) as daemon:
-        status = watch(daemon, root, is_over)
+    status = play(build, root, send_signals, is_over)
     if status is not None:
         faults.append(f"the daemon has ended with status {status}")
-    print_hangs(root)
     print("", *(faults or [demonstration.verdict(tasks)]), sep="\n")
     return faults
 
@@ -115,16 +119,7 @@ def run_configuration(build, config, properties, send_signals):
     print("\nSignals are real: --no-signals only logs them." if send_signals else
           "\nSignals are logged, none is sent.")
     print("Debug is on, whatever the configuration says. Runs until Ctrl-C.")
-    print(f"The whole log: {sandbox.log_of(root)}\n", flush=True)
-
-    signal.signal(signal.SIGINT, signal.default_int_handler)
-    with sandbox.running(build, root, send_signals) as daemon:
-        try:
-            status = watch(daemon, root)
-        except KeyboardInterrupt:
-            status = None
-    print_hangs(root)
-    if status:
+    if status := play(build, root, send_signals):
         sys.exit(f"run: the daemon has ended with status {status}")
 
 

@@ -35,7 +35,7 @@ def prepare(build, name):
 
 
 def log_of(root):
-    """Where the daemon logs that runs in the directory; others may add to it."""
+    """The file to which the daemon logs that runs in the directory."""
     return root.with_suffix(".log")
 
 
@@ -65,8 +65,10 @@ def running(build, root, send_signals):
     if not send_signals:
         environment["TOVREL_NO_SIGNALS"] = "1"
     with log_of(root).open("a") as log:
-        daemon = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", build / "tovrel"],
-                                  env=environment, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        daemon = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", build / "tovrel"], env=environment,
+            process_group=0,  # not that of a Ctrl-C
+            stdin=subprocess.DEVNULL, stdout=log, stderr=log)
     try:
         yield daemon
     finally:
