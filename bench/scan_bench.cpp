@@ -87,16 +87,15 @@ int main(int argc, char** argv) {
     config_file = argv[1];
     read_config_file(&Config::get());
     const std::string mode = argv[2];
-    const bool bare = argc > 3;
     run("walk");  // finds the tasks
-    recording = bare;
-    if (bare) run(mode);
+    recording = true;
+    run(mode);
     recording = false;
 
     while (getchar() != EOF) {
         fill_caches();
         const double before = processor_seconds();
-        if (bare) {
+        if (argc > 3) {
             std::for_each(opened_paths.begin(), opened_paths.end(), read_bare);
         } else {
             run(mode);

@@ -25,14 +25,14 @@
 
 namespace {
 
-constexpr const char* kFiles[] = {"/vendor/etc/tovrel.json", "/dev/kmsg", "/proc/sysrq-trigger"};
-constexpr char kExtensionDir[] = "/proc/sys/hung_task_enh/";
+constexpr const char* kRedirected[] = {"/vendor/etc/tovrel.json", "/dev/kmsg",
+                                       "/proc/sysrq-trigger", "/proc/sys/hung_task_enh/"};
 
 bool is_redirected(const char* path) {
-    for (const char* file : kFiles) {
-        if (strcmp(path, file) == 0) return true;
+    for (const char* start : kRedirected) {
+        if (strncmp(path, start, strlen(start)) == 0) return true;
     }
-    return strncmp(path, kExtensionDir, sizeof(kExtensionDir) - 1) == 0;
+    return false;
 }
 
 int kernel_open(const char* path, int flags, unsigned mode) {

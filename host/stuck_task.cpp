@@ -74,10 +74,7 @@ void wait_for_vfork(char* process_name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        fprintf(stderr, "usage: stuck_task D|T|Z|S|R SECONDS [THREAD...]\n");
-        return 2;
-    }
+    if (argc < 3) return 2;
     die_with_parent();
     signal(SIGQUIT, SIG_IGN);
     signal(35, SIG_IGN);

@@ -99,8 +99,8 @@ def start_tasks(program, shell):
 
 def configuration(tasks, shell):
     uid = os.getuid()
-    processes = subprocess.check_output([sandbox.HOST / "bin/ps", "-p", str(os.getpid())], text=True)
-    user = processes.splitlines()[1].split()[0]  # also one without a name
+    listing = subprocess.check_output([sandbox.HOST / "bin/ps", "-p", f"{os.getpid()}"], text=True)
+    user = listing.splitlines()[1].split()[0]  # a number where it has no name
     return json.dumps({"Config": {
         "switches": {"main": True, "debug": True, "use_shell": shell},
         "policy": "reboot",

@@ -15,6 +15,7 @@ import time
 
 import demonstration
 import sandbox
+from demonstration import TIMEOUT
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 TOOLS = ROOT / "tools"
@@ -23,10 +24,11 @@ from check_config.reading import read_properties  # also what getprop prints
 
 BUILD = 'source "$0"; build release tovrel sandbox stuck_task rehearse settings'
 DEADLINE = 60  # s, for the last report of the demonstration
-INTRODUCTION = """\
-Some of the watched tasks are really stuck. Dumps are due 3 s after one stood still, report and
-reboot (which is only logged) after 6 s; each dump in state D, T or Z halts the daemon for 3 s, so
-that the kernel can write its stacks to the log. It all takes about 25 s."""
+INTRODUCTION = f"""\
+Some of the watched tasks are really stuck. Dumps are due {TIMEOUT // 2} s after one stood still,
+report and reboot (which is only logged) after {TIMEOUT} s. Each dump in state D, T or Z halts the
+daemon for 3 s, so that the kernel can write its stacks to the log. It all takes about 25 s, and
+begins when no other demonstration runs on this host."""
 LOG_PREFIX = re.compile(r"^\w+ [VDIWEF] \S+ \S+ +\d+ +\d+ ")  # "tovrel I 11-21 15:43:59 134 134 "
 # What is done about a task. Other lines are repeated in every scan.
 STAGE = re.compile(r"dumped|.*pid:\d+ ppid:\d+ |killing|nothing to do|reboot not done|"
@@ -127,14 +129,15 @@ def main():
     for number in (signal.SIGINT, signal.SIGPIPE):  # all that runs here dies with this process
         signal.signal(number, signal.SIG_DFL)
     arguments = parse_arguments()
-    if arguments.build is None:
+    build = arguments.build
+    if build is None:
+        build = ROOT / "build/release"
         if subprocess.run(["bash", "-c", BUILD, ROOT / "scripts/build.bash"]).returncode != 0:
             sys.exit(1)
-    build = (arguments.build or ROOT / "build/release").resolve()
     send_signals = not arguments.no_signals
     if arguments.config:
-        run_configuration(build, arguments.config, arguments.properties, send_signals)
-    elif demonstrate(build, arguments.shell, send_signals):
+        run_configuration(build.resolve(), arguments.config, arguments.properties, send_signals)
+    elif demonstrate(build.resolve(), arguments.shell, send_signals):
         sys.exit(1)
 
 

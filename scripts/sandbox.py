@@ -30,7 +30,6 @@ def prepare(build, name):
     for file in (CONFIG, PROPERTIES, KERNEL_LOG, SYSRQ, PER_TASK, *EXTENSION):
         (root / file).parent.mkdir(parents=True, exist_ok=True)
         (root / file).touch()
-    log_of(root).write_text("")
     return root
 
 
@@ -64,13 +63,11 @@ def running(build, root, send_signals):
         "TOVREL_SANDBOX": root, "TOVREL_PROPERTIES": root / PROPERTIES}
     if not send_signals:
         environment["TOVREL_NO_SIGNALS"] = "1"
-    with log_of(root).open("a") as log:
-        daemon = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", build / "tovrel"], env=environment,
-            process_group=0,  # not that of a Ctrl-C
-            stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-    try:
-        yield daemon
-    finally:
-        daemon.kill()
-        daemon.wait()
+    with (log_of(root).open("w") as log,
+          subprocess.Popen(["setpriv", "--pdeathsig", "KILL", build / "tovrel"], env=environment,
+                           process_group=0,  # not that of a Ctrl-C
+                           stdin=subprocess.DEVNULL, stdout=log, stderr=log) as daemon):
+        try:
+            yield daemon
+        finally:
+            daemon.kill()
