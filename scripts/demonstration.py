@@ -143,9 +143,3 @@ def judge(tasks, messages, root):
 
 def read_lines(file):
     return re.findall(r"[^\n\0]+", file.read_text())
-
-
-def verdict(tasks):
-    """What it comes to if nothing is wrong."""
-    stuck = sum(task.report != "" for task in tasks)
-    return f"{stuck} stuck tasks reported, {len(tasks) - stuck} others left alone."
