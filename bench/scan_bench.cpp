@@ -11,7 +11,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -96,7 +95,7 @@ int main(int argc, char** argv) {
         fill_caches();
         const double before = processor_seconds();
         if (argc > 3) {
-            std::for_each(opened_paths.begin(), opened_paths.end(), read_bare);
+            for (const std::string& path : opened_paths) read_bare(path);
         } else {
             run(mode);
         }
