@@ -22,7 +22,7 @@ import sandbox
 BUILD = ROOT / "build/bench"
 DOCUMENT = ROOT / "docs/performance.md"
 BEGIN, END = "<!-- measured: begin -->\n", "<!-- measured: end -->\n"
-ENVIRONMENT = os.environ | {"PATH": f"{ROOT}/host/bin:{os.environ['PATH']}"}
+ENVIRONMENT = os.environ | {"PATH": f"{sandbox.HOST}/bin:{os.environ['PATH']}"}
 PS = "/usr/bin/ps -eLo pid,tid,stat,comm"
 THREADS = 20  # of each process
 STARTS, RUNS = 4, 5  # of each program, and of a scan in each start
@@ -30,23 +30,20 @@ STARTS, RUNS = 4, 5  # of each program, and of a scan in each start
 
 @contextlib.contextmanager
 def population(processes):
-    """Keeps processes alive, each a list of its name and the names of its threads."""
-    program = BUILD / "bench/population"
-    running = [subprocess.Popen(words, executable=program, stdout=subprocess.PIPE)
-               for words in processes]
-    try:
-        for process in running:
-            process.stdout.read()  # ends when the threads have their names
+    """Keeps processes alive, each a list of the names of its threads. The first is its own."""
+    with contextlib.ExitStack() as stack:
+        for name, *threads in processes:
+            process = stack.enter_context(subprocess.Popen(
+                [name, "S", "0", *threads], executable=BUILD / "stuck_task",
+                stdout=subprocess.PIPE))
+            stack.callback(process.kill)
+            for _ in threads:
+                process.stdout.readline()  # comes when a thread has its name
         yield
-    finally:
-        for process in running:
-            with process:
-                process.kill()
 
 
-def uniform(count, thread):
-    threads = [f"{thread}{i}" for i in range(THREADS)]
-    return [[f"population_{i}", *threads] for i in range(count)]
+def uniform(count, name):
+    return [[f"{name}{i}", *(f"{name}{i}_{j}" for j in range(1, THREADS))] for i in range(count)]
 
 
 def watch(section, **settings):
@@ -63,7 +60,7 @@ def rows():
     mine = watch("monitor_binder", monitor_uids=[os.getuid()])
     others = watch("monitor_binder", monitor_uids=[os.getuid() + 1])
     whole = [{"process": name} for name, *_ in binder]
-    by_thread = [{"process": name, "thread": threads} for name, *threads in binder]
+    by_thread = [{"process": threads[0], "thread": threads} for threads in binder]
     with population(uniform(100, "worker")):
         yield "walk, no thread named `Binder:`", all_tasks(), mine, "walk"
     with population(binder):
@@ -113,14 +110,11 @@ def ratio(samples, others):
     return f"{middle:.2f} ({low:.2f} to {high:.2f})"
 
 
-def count_system_calls(command):
-    """Of one run: what it adds to the calls of no run."""
-    def count(runs):
-        summary = subprocess.run(["strace", "-fcqq", "-U", "calls,name", *command],
-                                 env=ENVIRONMENT, input="\n" * runs, text=True, check=True,
-                                 stdout=subprocess.DEVNULL, stderr=subprocess.PIPE).stderr
-        return int(summary.split()[-2])  # "1234 total"
-    return count(1) - count(0)
+def count_system_calls(command, runs):
+    summary = subprocess.run(["strace", "-fcqq", "-U", "calls,name", *command],
+                             env=ENVIRONMENT, input="\n" * runs, text=True, check=True,
+                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE).stderr
+    return int(summary.split()[-2])  # "1234 total"
 
 
 def scan_table():
@@ -132,44 +126,44 @@ def scan_table():
         if mode in ("walk", "known"):
             commands.append([*command, "bare"])
         scan, ps, *bare = sample(commands)
-        calls = "" if mode == "shell" else f"{count_system_calls(command) / tasks:.1f}"
-        yield (f"| {title} | {tasks:,} | {statistics.median(scan) / tasks * 1e6:.1f} | {calls} | "
-               f"{ratio(scan, bare[0]) if bare else ''} | {ratio(scan, ps)} |")
+        calls = count_system_calls(command, 1) - count_system_calls(command, 0)
+        told_calls = "" if mode == "shell" else f"{calls / tasks:.1f}"
+        yield (f"| {title} | {tasks:,} | {statistics.median(scan) / tasks * 1e6:.1f} | "
+               f"{told_calls} | {ratio(scan, bare[0]) if bare else ''} | {ratio(scan, ps)} |")
 
 
-def watch_daemon(config, processes, interval, scans):
-    """Runs the daemon itself in its sandbox. Gives the processor time (s) of each scan, and the
-    resident memory (MiB)."""
-    with (population(processes), sandbox.directory(json.dumps(config), keep=False) as root,
-          sandbox.run(sandbox.command(BUILD, root, send_signals=False), os.devnull) as (daemon, _)):
-        proc = pathlib.Path(f"/proc/{daemon.pid}")
-        spent = []
-        time.sleep(1.5 * interval)  # the first scan finds the tasks
-        for _ in range(scans + 1):
-            spent.append(int((proc / "schedstat").read_text().split()[0]) / 1e9)
-            time.sleep(interval)
-        memory = int((proc / "status").read_text().split("VmRSS:")[1].split()[0]) / 1024
-    return [after - before for before, after in itertools.pairwise(spent)], memory
+def phone(listed):
+    """Names like those of a phone: processes of its own, a zygote, and the listed ones."""
+    processes = [[item["process"], *item["thread"]] for item in listed]
+    processes += [["zygote64"], *([f"app_{i}"] for i in range(296))]
+    for names in processes:
+        names += [f"Binder:1_{i}" for i in range(4)]  # tracked
+        names += [f"pool-1-thread-{i}" for i in range(THREADS - len(names))]
+    return processes
 
 
 def daemon_figures():
+    """Of the daemon itself in its sandbox, with the sample configuration."""
     config = json.loads((ROOT / "etc/tovrel.json").read_text())
     settings = config["Config"]
     settings["monitor_binder"]["monitor_uids"] = [os.getuid()]
-    phone = [[item["process"], *item["thread"]] for item in settings["monitor_process"]["list"]]
-    phone += [["zygote64", "main"], *([f"app_{i}", f"app_{i}"] for i in range(296))]
-    for words in phone:
-        words += [f"Binder:1_{i}" for i in range(4)]
-        words += [f"pool-1-thread-{i}" for i in range(THREADS + 1 - len(words))]
     interval = settings["scan"]["timeout_second"] / settings["scan"]["round"]
-    costs, _ = watch_daemon(config, phone, interval, 5)
+    root = sandbox.prepare(BUILD, "daemon")
+    (root / sandbox.CONFIG).write_text(json.dumps(config))
+    with (population(phone(settings["monitor_process"]["list"])),
+          sandbox.running(BUILD, root, send_signals=False) as daemon):
+        proc = pathlib.Path(f"/proc/{daemon.pid}")
+        spent = []
+        time.sleep(1.5 * interval)  # the first scan finds the tasks
+        for _ in range(6):
+            spent.append(int((proc / "schedstat").read_text().split()[0]) / 1e9)
+            time.sleep(interval)
+        memory = int((proc / "status").read_text().split("VmRSS:")[1].split()[0]) / 1024
+    costs = [after - before for before, after in itertools.pairwise(spent)]
     low, middle, high = statistics.quantiles(costs, n=4)
     yield (f"- Sample configuration: {middle * 1e3:.0f} ms ({low * 1e3:.0f} to {high * 1e3:.0f}) of"
            f" processor time every {interval:g} s, {middle / interval:.2%} of one core.")
-
-    binder = watch("monitor_binder", monitor_uids=[os.getuid()])
-    _, memory = watch_daemon(binder, uniform(250, "Binder:"), 1, 5)
-    yield f"- Resident memory with 5,000 tracked threads: {memory:.2f} MiB."
+    yield f"- Its resident memory, with 1,200 tracked threads: {memory:.2f} MiB."
 
 
 def write_document():

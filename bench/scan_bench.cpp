@@ -11,7 +11,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -87,17 +86,16 @@ int main(int argc, char** argv) {
     config_file = argv[1];
     read_config_file(&Config::get());
     const std::string mode = argv[2];
-    const bool bare = argc > 3;
     run("walk");  // finds the tasks
-    recording = bare;
-    if (bare) run(mode);
+    recording = true;
+    run(mode);
     recording = false;
 
     while (getchar() != EOF) {
         fill_caches();
         const double before = processor_seconds();
-        if (bare) {
-            std::for_each(opened_paths.begin(), opened_paths.end(), read_bare);
+        if (argc > 3) {
+            for (const std::string& path : opened_paths) read_bare(path);
         } else {
             run(mode);
         }

@@ -8,98 +8,61 @@
 // sent.
 //
 // A redirected file is never created, so a kernel without the hung-task extension is played by a
-// directory without its files. What is written is appended, and begins on a line of its own: the
-// newline before it is the sandbox's, since the daemon writes its records without any.
+// directory without its files. What is written is appended, each time behind a newline of the
+// sandbox's own, since the daemon writes its records without any.
 
 #include <android/log.h>
 #include <errno.h>
 #include <limits.h>
 #include <linux/fcntl.h>  // <fcntl.h> would redirect or inline the functions defined here
-#include <linux/magic.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr const char* kFiles[] = {"/vendor/etc/tovrel.json", "/dev/kmsg", "/proc/sysrq-trigger"};
-constexpr char kExtensionDir[] = "/proc/sys/hung_task_enh/";
+constexpr const char* kRedirected[] = {"/vendor/etc/tovrel.json", "/dev/kmsg",
+                                       "/proc/sysrq-trigger", "/proc/sys/hung_task_enh/"};
 
 bool is_redirected(const char* path) {
-    for (const char* file : kFiles) {
-        if (strcmp(path, file) == 0) return true;
+    for (const char* start : kRedirected) {
+        if (strncmp(path, start, strlen(start)) == 0) return true;
     }
-    return strncmp(path, kExtensionDir, sizeof(kExtensionDir) - 1) == 0;
+    return false;
 }
 
 int kernel_open(const char* path, int flags, unsigned mode) {
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
 
-// Closes `fd` and fails like an open() that is not permitted.
-int refuse(int fd) {
-    if (fd != -1) close(fd);
-    errno = EACCES;
-    return -1;
-}
-
-// False for a device and for a file of /proc: a sandbox that is "/" or holds a link out of itself
-// must not lead back to the kernel.
-bool is_plain_file(int fd) {
-    struct stat status;
-    struct statfs file_system;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && fstatfs(fd, &file_system) == 0 &&
-           file_system.f_type != PROC_SUPER_MAGIC;
-}
-
-// `fd` is open for reading and appending.
-void begin_line(int fd) {
-    char last = '\n';
-    const off_t size = lseek(fd, 0, SEEK_END);
-    if (size > 0 && pread(fd, &last, 1, size - 1) == 1 && last != '\n') dprintf(fd, "\n");
-}
-
 int sandbox_open(const char* path, int flags) {
     const char* sandbox = getenv("TOVREL_SANDBOX");
-    if (sandbox == nullptr || *sandbox == '\0' || strstr(path, "..") != nullptr) return refuse(-1);
-
     char redirected[PATH_MAX];
-    const int length = snprintf(redirected, sizeof(redirected), "%s%s", sandbox, path);
-    if (length >= PATH_MAX) return refuse(-1);
-    const bool for_writing = (flags & O_ACCMODE) != O_RDONLY;
+    if (sandbox == nullptr || *sandbox == '\0' ||
+        snprintf(redirected, sizeof(redirected), "%s%s", sandbox, path) >= PATH_MAX) {
+        errno = EACCES;
+        return -1;
+    }
     flags &= ~(O_CREAT | O_EXCL | O_TRUNC);
-    if (for_writing) flags = (flags & ~O_ACCMODE) | O_RDWR | O_APPEND;
-
-    const int fd = kernel_open(redirected, flags, 0);
-    if (fd == -1) return -1;
-    if (!is_plain_file(fd)) return refuse(fd);
-    if (for_writing) begin_line(fd);
+    const bool for_writing = (flags & O_ACCMODE) != O_RDONLY;
+    const int fd = kernel_open(redirected, for_writing ? flags | O_APPEND : flags, 0);
+    if (for_writing && fd != -1) dprintf(fd, "\n");
     return fd;
 }
 
-// The argument after `flags`, which only a call that may create a file has.
-unsigned mode_argument(int flags, va_list arguments) {
-    const bool has_mode = (flags & O_CREAT) != 0 || (flags & __O_TMPFILE) == __O_TMPFILE;
-    return has_mode ? va_arg(arguments, unsigned) : 0;
-}
-
 }  // namespace
-
-// The log library is there in the daemon, but not in the commands of its shell mode.
-#pragma weak __android_log_print
 
 extern "C" {
 
 int open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
-    const unsigned mode = mode_argument(flags, arguments);
+    const bool has_mode = (flags & (O_CREAT | __O_TMPFILE)) != 0;
+    const unsigned mode = has_mode ? va_arg(arguments, unsigned) : 0;
     va_end(arguments);
     if (path != nullptr && is_redirected(path)) return sandbox_open(path, flags);
     return kernel_open(path, flags, mode);
@@ -110,8 +73,7 @@ static_assert(sizeof(off_t) == 8);
 int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 int kill(pid_t pid, int number) {
-    if (pid == getpid() || __android_log_print == nullptr ||
-        getenv("TOVREL_NO_SIGNALS") == nullptr) {
+    if (pid == getpid() || getenv("TOVREL_NO_SIGNALS") == nullptr) {
         return static_cast<int>(syscall(SYS_kill, pid, number));
     }
     __android_log_print(ANDROID_LOG_INFO, "host", "signal not sent: %d to process %d", number, pid);

@@ -1,6 +1,6 @@
-// A task that gets stuck in one way, for demonstrations.
+// A task that gets stuck in one way, for the demonstration and the benchmark.
 //
-// usage: stuck_task STATE SECONDS [THREAD]
+// usage: stuck_task STATE SECONDS [THREAD...]
 //
 // Works for SECONDS and stays in the scheduler state STATE from then on:
 //
@@ -10,9 +10,10 @@
 //   S  sleeps
 //   R  goes on working, 2 ms every 50 ms, which is progress
 //
-// With THREAD, a second thread of that name does so and the main thread sleeps. The process bears
-// the name under which it is started (argv[0]), ignores the signals 3 and 35, which ask an Android
-// process for its stacks, and dies with its parent.
+// With THREADs, further threads of these names do so and the main thread sleeps. Each task prints
+// its process id and thread id when it has its name. The process bears the name under which it is
+// started (argv[0]), ignores the signals 3 and 35, which ask an Android process for its stacks, and
+// dies with its parent.
 
 #include <poll.h>
 #include <signal.h>
@@ -58,9 +59,12 @@ void wait_for_vfork(char* process_name) {
     sleep_for_ever();
 }
 
-[[noreturn]] void get_stuck(char state, double seconds, char* process_name) {
-    work_for(std::chrono::duration<double>(seconds));
-    if (state == 'D') wait_for_vfork(process_name);
+[[noreturn]] void get_stuck(char** argv, const char* task_name) {
+    prctl(PR_SET_NAME, task_name);
+    dprintf(STDOUT_FILENO, "%d %d\n", getpid(), gettid());
+    work_for(std::chrono::duration<double>(atof(argv[2])));
+    const char state = *argv[1];
+    if (state == 'D') wait_for_vfork(argv[0]);
     if (state == 'T') raise(SIGSTOP);
     if (state == 'Z') _exit(EXIT_SUCCESS);
     if (state == 'R') work_for(std::chrono::hours::max());
@@ -70,22 +74,12 @@ void wait_for_vfork(char* process_name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3 || argc > 4 || strlen(argv[1]) != 1 || strchr("DTZSR", *argv[1]) == nullptr) {
-        fprintf(stderr, "usage: stuck_task D|T|Z|S|R SECONDS [THREAD]\n");
-        return 2;
-    }
+    if (argc < 3) return 2;
     die_with_parent();
     signal(SIGQUIT, SIG_IGN);
     signal(35, SIG_IGN);
-    char* process_name = argv[0];
-    prctl(PR_SET_NAME, process_name);
-    const char state = *argv[1];
-    const double seconds = atof(argv[2]);
-    if (argc == 3) get_stuck(state, seconds, process_name);
-    const char* thread_name = argv[3];
-    std::thread([=] {
-        prctl(PR_SET_NAME, thread_name);
-        get_stuck(state, seconds, process_name);
-    }).detach();
+    prctl(PR_SET_NAME, argv[0]);
+    if (argc == 3) get_stuck(argv, argv[0]);
+    for (int i = 3; i < argc; ++i) std::thread(get_stuck, argv, argv[i]).detach();
     sleep_for_ever();
 }

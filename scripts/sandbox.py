@@ -6,10 +6,9 @@ import re
 import shutil
 import subprocess
 import sys
-import tempfile
 
 HOST = pathlib.Path(__file__).resolve().parent.parent / "host"
-CONFIG = "vendor/etc/tovrel.json"
+CONFIG, PROPERTIES = "vendor/etc/tovrel.json", "properties"
 # What the kernel has on a device.
 KERNEL_LOG, SYSRQ = "dev/kmsg", "proc/sysrq-trigger"
 PER_TASK, *EXTENSION = (f"proc/sys/hung_task_enh/{name}" for name in (
@@ -19,45 +18,32 @@ PER_TASK, *EXTENSION = (f"proc/sys/hung_task_enh/{name}" for name in (
 CAUGHT = re.compile(r"_*(f|fre)?open(at)?(64)?(_2)?|creat(64)?|kill|_ZN\w*(filebuf|fstream)\w*")
 NOT_CHECKED = re.compile(r"lib(c|m|stdc\+\+|gcc_s|cutils|\w+san)\.so.*")
 
-@contextlib.contextmanager
-def directory(config, keep):
-    """A new sandbox: the configuration's text, and empty files in the place of the kernel's."""
-    root = pathlib.Path(tempfile.mkdtemp(prefix="tovrel."))
-    try:
-        for name in (CONFIG, KERNEL_LOG, SYSRQ, PER_TASK, *EXTENSION):
-            (root / name).parent.mkdir(parents=True, exist_ok=True)
-            (root / name).touch()
-        (root / CONFIG).write_text(config)
-        yield root
-    finally:
-        if keep:
-            print(f"The daemon's files are left in {root}")
-        else:
-            shutil.rmtree(root)
 
-
-def command(build, root, properties="", send_signals=True):
-    """The command line of the daemon, which dies with the process that starts it. Refuses a daemon
-    that would reach a file or a process past the sandbox.
+def prepare(build, name):
+    """Returns a new directory in the build for the daemon's files, which are empty. Ends this
+    program if the daemon would reach a file or a process past its sandbox.
     """
-    daemon, library = (pathlib.Path(build).resolve() / name for name in ("tovrel", "libsandbox.so"))
-    if past := imports_past(daemon, library):
-        sys.exit(f"The daemon is not started, it would get past {library}: {past}")
-    return ["env", f"PATH={HOST / 'bin'}:{os.environ['PATH']}", f"LD_PRELOAD={library}",
-            f"TOVREL_SANDBOX={root}",
-            f"TOVREL_PROPERTIES={properties and pathlib.Path(properties).resolve()}",
-            *([] if send_signals else ["TOVREL_NO_SIGNALS=1"]),
-            "setpriv", "--pdeathsig", "KILL", str(daemon)]
+    if past := imports_past(build / "tovrel", build / "libsandbox.so"):
+        sys.exit(f"The daemon is not started, it would get past its sandbox: {past}")
+    root = build / name
+    shutil.rmtree(root, ignore_errors=True)
+    for file in (CONFIG, PROPERTIES, KERNEL_LOG, SYSRQ, PER_TASK, *EXTENSION):
+        (root / file).parent.mkdir(parents=True, exist_ok=True)
+        (root / file).touch()
+    return root
+
+
+def log_of(root):
+    """The file to which the daemon logs that runs in the directory."""
+    return root.with_suffix(".log")
 
 
 def imports_past(daemon, library):
     """Which functions the daemon and its libraries would take from elsewhere than the sandbox."""
-    listing = subprocess.run(["ldd", daemon], capture_output=True, text=True).stdout
-    libraries = [pathlib.Path(path) for path in re.findall(r" => (\S+) \(", listing)]
-    if not libraries:
-        return "it is not linked dynamically"
+    listing = subprocess.check_output(["ldd", daemon], text=True)  # fails if linked statically
+    users = [daemon, *map(pathlib.Path, re.findall(r" => (\S+) \(", listing))]
     caught = symbols("--defined-only", library) if library.exists() else ()
-    return ", ".join(f"{symbol} of {user.name}" for user in (daemon, *libraries)
+    return ", ".join(f"{symbol} of {user.name}" for user in users
                      if not NOT_CHECKED.fullmatch(user.name)
                      for symbol in symbols("--undefined-only", user)
                      if CAUGHT.fullmatch(symbol) and symbol not in caught)
@@ -70,15 +56,18 @@ def symbols(kind, file):
 
 
 @contextlib.contextmanager
-def run(daemon_command, log):
-    """The running daemon, and its log opened for reading."""
-    open(log, "wb").close()
-    # Others may add to the log.
-    with open(log, "ab") as output, open(log, "rb") as lines:
-        daemon = subprocess.Popen(daemon_command, stdin=subprocess.DEVNULL, stdout=output,
-                                  stderr=output)
+def running(build, root, send_signals):
+    """The daemon while it runs in the directory. It dies with this process."""
+    environment = os.environ | {
+        "PATH": f"{HOST / 'bin'}:{os.environ['PATH']}", "LD_PRELOAD": build / "libsandbox.so",
+        "TOVREL_SANDBOX": root, "TOVREL_PROPERTIES": root / PROPERTIES}
+    if not send_signals:
+        environment["TOVREL_NO_SIGNALS"] = "1"
+    with (log_of(root).open("w") as log,
+          subprocess.Popen(["setpriv", "--pdeathsig", "KILL", build / "tovrel"], env=environment,
+                           process_group=0,  # not that of a Ctrl-C
+                           stdin=subprocess.DEVNULL, stdout=log, stderr=log) as daemon):
         try:
-            yield daemon, lines
+            yield daemon
         finally:
             daemon.kill()
-            daemon.wait()
