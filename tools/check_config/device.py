@@ -2,7 +2,8 @@
 ZYGOTE, INIT, BINDER = 30, 1, 900  # process ids
 BINDER_THREAD = "a server", f"Binder:{BINDER}_1"
 COMM_MAX = 15  # bytes of a thread's name
-ABSENT = "A,absent", "y,absent", "z,absent"  # names, valid in no file, of what does not run
+# Names, valid in no file, of what does not run; whether it stands in front of all others.
+ABSENT = {"A,absent": True, "B,absent": True, "y,absent": False, "z,absent": False}
 
 
 def main_thread(name, threads):
@@ -49,10 +50,9 @@ def worlds_without(world, process, thread):
     the end of the daemon's hash tables, whose order is another one on the device."""
     others = world.processes.copy()
     threads = others.pop(process)
-    for absent in ABSENT:
+    for absent, is_first in ABSENT.items():
         if thread:
             entry = {process: [absent if name == thread else name for name in threads]}
         else:
             entry = {absent: threads}
-        yield world.listing({**entry, **others})
-        yield world.listing({**others, **entry})
+        yield world.listing({**entry, **others} if is_first else {**others, **entry})

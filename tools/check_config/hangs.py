@@ -110,7 +110,8 @@ def circumstances(world, hang):
         if words not in worlds:
             worlds[words] = list(worlds_without(world, process, thread))
     if not set(world.iowait) <= set(world.processes):
-        worlds["an I/O-wait process absent"] = [world.changed(black_white_list={"list": ABSENT})]
+        absent = {"list": list(ABSENT)}
+        worlds["an I/O-wait process absent"] = [world.changed(black_white_list=absent)]
     return worlds
 
 
@@ -125,7 +126,3 @@ def rows_of(world, hang):
     for (dump, act, again), whens in answers.items():
         yield {"what": hang.what, "how": hang.how, "when": "; ".join(whens) if whens[0] else "",
                "dump": dump or None, "act": act or None, "again": again or None}
-
-
-def find_hangs(world):
-    return [row for hang in kinds(world) for row in rows_of(world, hang)]

@@ -9,6 +9,7 @@ from .reading import PREFIX
 LIST, SHELL, SCAN = "Config.monitor_process.list", "Config.switches.use_shell", "Config.scan"
 LONG = 10  # time-outs of a healthy life
 MAX_ABSENT = 8  # tasks in turn
+BINDER_POOL = 16  # threads that a process has for binder calls, as a rule
 WATCHDOG_PERIOD = 31  # s: it sleeps for 30 s, and then has some work
 
 
@@ -50,18 +51,18 @@ def false_alarms(world):
 
 
 def overruns(world):
-    """A scan that outlasts the self-watchdog, as all tasks and a process's usual 16 binder threads
-    hang at once."""
+    """A scan that outlasts the self-watchdog, as all tasks hang at once."""
     tasks, moment = tasks_of(world).values(), begin_of(world)
     steps = [f"{ids} {keys}" for ids, keys in tasks]
     steps += [f"@{moment} {ids} state=D" for ids, _ in tasks]
-    steps += [f"@{moment} {BINDER}/{tid} comm=Binder:{tid} state=D" for tid in range(901, 917)]
+    pool = range(BINDER + 1, BINDER + 1 + BINDER_POOL)
+    steps += [f"@{moment} {BINDER}/{tid} comm=Binder:{tid} state=D" for tid in pool]
     script = world.script(steps, moment + world.timeout + 10 * len(steps))
-    (turns, _), = world.play(script)
+    [(turns, _)] = world.play(script)
     longest = max(after - before for before, after in zip(turns, turns[1:]))
     if longest >= 2 * world.timeout:
-        yield (f"a scan takes {longest:g} s when all tasks hang at once, and the self-watchdog ends "
-               f"the daemon after {2 * world.timeout:g}")
+        yield (f"a scan takes {longest:g} s when all that is watched hangs at once, and the "
+               f"self-watchdog ends the daemon after {2 * world.timeout:g}")
 
 
 def mend(world):
@@ -89,7 +90,7 @@ def without_zygote(world):
     tasks = tasks_of(world)
     del tasks["the zygote", ""]
     steps = [f"{ids} {keys}" for ids, keys in tasks.values()]
-    (_, responses), = world.play(world.script(steps, 5 * world.timeout))
+    [(_, responses)] = world.play(world.script(steps, 5 * world.timeout))
     if not responses:
         return "the same holds"
     first_act = next(response.seconds for response in responses if response.is_act)
@@ -101,14 +102,16 @@ def warnings(world, hangs):
     """Key and text of each but those of the pace."""
     settings, binder = world.settings, world.binder
     watches = settings["process_enable"] or binder["enable"]
-    if not (watches or settings["bw_enable"]) or world.idle and not settings["hw_list"]:
+    detects = watches or settings["bw_enable"]
+    if world.idle and not (detects and settings["hw_list"]):
         yield "Config", 'the daemon idles; switch "main" on, and a detector'
     elif watches and not settings["debug"] and settings["policy"] in ("nothing", "kill"):
         yield "Config.policy", 'no line names who hung; switch "debug" on'
     if binder["enable"] and not binder["monitor_uids"]:
         yield "Config.monitor_binder.monitor_uids", "empty: nobody is watched; fill it"
 
-    never = ", ".join(f"{hang['what']}: {hang['how']}" for hang in hangs if not hang["act"])
+    kinds = [f"{hang['what']}: {hang['how']}" for hang in hangs if not hang["act"]]
+    never = ", ".join(dict.fromkeys(kinds))
     if never and settings["use_shell"]:
         yield SHELL, f"never found: {never}; switch it off"
     elif WHOLE in never:
@@ -127,9 +130,11 @@ def warnings(world, hangs):
 
 
 def shell_warnings(world):
-    threads = [{main_thread(*one), *one[1]} for one in world.processes.items()]
-    for names in [world.processes, world.binder["uid_map"], *threads]:
-        for name, other in itertools.permutations(names, 2):
+    groups = [world.processes, world.binder["uid_map"]]
+    for process, threads in world.processes.items():
+        groups.append({main_thread(process, threads), *threads})
+    for names in groups:
+        for name, other in itertools.permutations(sorted(names), 2):
             if name in other:
                 yield SHELL, f"{name} in {other}: grep finds both; rename or drop one"
     for uid in set(world.binder["monitor_uids"]) - set(world.binder["uid_map"].values()):

@@ -74,7 +74,8 @@ class World:
     def play(self, *scripts):
         """For each: when a turn of the scan loop begins, and the responses."""
         output = self.run("rehearse", text="".join(scripts))
-        return [turns_and_responses(events) for events in re.split("^end\n", output, flags=re.M)[:-1]]
+        *plays, _ = re.split("^end\n", output, flags=re.M)
+        return [turns_and_responses(events) for events in plays]
 
 
 def turns_and_responses(events):
