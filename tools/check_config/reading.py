@@ -1,4 +1,5 @@
 """What stands in the files: their bytes, and the faults that the schema tells."""
+import itertools
 import json
 import os
 import pathlib
@@ -11,6 +12,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PREFIX = "persist.vendor.hg."
 MAX_CONFIG = 1 << 14  # bytes, ten times the sample; some lists take the schema quadratic time
 MAX_PROPERTIES = 1 << 20
+MAX_FAULTS = 20
 
 
 class Refused(Exception):
@@ -45,7 +47,7 @@ def refuse_repeated_keys(pairs):
 
 
 def read_config(path):
-    """Its content, and the faults that the schema tells."""
+    """Its content, and the faults in it."""
     content = read_file(path, MAX_CONFIG)
     try:
         document = json.loads(content.decode(), object_pairs_hook=refuse_repeated_keys)
@@ -55,6 +57,8 @@ def read_config(path):
 
 
 def faults_of(document):
+    """The first ones that the schema tells."""
     schema = json.loads((ROOT / "etc/tovrel.schema.json").read_text(encoding="utf-8"))
+    faults = jsonschema.Draft7Validator(schema).iter_errors(document)
     return [f"{fault.json_path.removeprefix('$.')}: {fault.message}"
-            for fault in jsonschema.Draft7Validator(schema).iter_errors(document)]
+            for fault in itertools.islice(faults, MAX_FAULTS)]
