@@ -20,14 +20,18 @@ class Refused(Exception):
 
 
 def read_file(path, max_size):
-    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
-    with os.fdopen(descriptor, "rb") as file:
-        if not stat.S_ISREG(os.fstat(descriptor).st_mode):
+    with open(path, "rb", opener=open_at_once) as file:
+        if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
             raise Refused(f"{path}: not a regular file")
         content = file.read(max_size + 1)
     if len(content) > max_size:
         raise Refused(f"{path}: larger than {max_size} bytes")
     return content
+
+
+def open_at_once(path, flags):
+    """A FIFO's writer is not waited for."""
+    return os.open(path, flags | os.O_NONBLOCK)
 
 
 def read_properties(path):

@@ -110,12 +110,12 @@ def warnings(world, hangs):
     if binder["enable"] and not binder["monitor_uids"]:
         yield "Config.monitor_binder.monitor_uids", "empty: nobody is watched; fill it"
 
-    kinds = [f"{hang['what']}: {hang['how']}" for hang in hangs if not hang["act"]]
-    never = ", ".join(dict.fromkeys(kinds))
-    if never and settings["use_shell"]:
-        yield SHELL, f"never found: {never}; switch it off"
-    elif WHOLE in never:
-        yield LIST, f'never found: {never}; name the main thread in "thread"'
+    is_shell = settings["use_shell"]
+    never = dict.fromkeys(f"{hang['what']}, {hang['how']}" for hang in hangs
+                          if not hang["act"] and (is_shell or hang["what"] == WHOLE))
+    if never:
+        key, change = (SHELL, "switch it off") if is_shell else (LIST, "name its main thread")
+        yield key, f"never found, or not always: {'; '.join(never)}; {change}"
 
     entries = world.document["Config"]["monitor_process"].get("list", [])
     for name in world.processes:
@@ -124,7 +124,7 @@ def warnings(world, hangs):
     for name in itertools.chain(*world.processes.values()):
         if re.match(r"[Bb]inder:\d", name):
             yield LIST, f'{name}: holds a process id, which changes; use "monitor_binder"'
-    if settings["use_shell"]:
+    if is_shell:
         yield from shell_warnings(world)
     yield from property_warnings(world)
 

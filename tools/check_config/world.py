@@ -2,6 +2,7 @@
 the virtual device."""
 import copy
 import json
+import os
 import re
 import subprocess
 import tempfile
@@ -46,9 +47,12 @@ class World:
 
     def run(self, program, *arguments, text=None):
         """What it prints."""
-        done = subprocess.run([f"{self.build}/{program}", *arguments], input=text,
-                              encoding="utf-8", errors="backslashreplace",
-                              capture_output=True, check=False)
+        path = f"{self.build}/{program}"
+        if not os.path.exists(path):
+            raise Refused(f"{path} is not built: cmake --preset release; "
+                          "cmake --build --preset release --target settings rehearse")
+        done = subprocess.run([path, *arguments], input=text, encoding="utf-8",
+                              errors="backslashreplace", capture_output=True, check=False)
         if done.returncode != 0:
             raise Refused(" ".join(done.stderr.split()))
         return done.stdout
