@@ -33,7 +33,7 @@ def tasks_of(world, parent=ZYGOTE):
         users = {uid: name for name, uid in world.binder["uid_map"].items()}
         uid = min(world.binder["monitor_uids"] or [1], key=lambda uid: uid not in users)
         keys = f"uid={uid} user={users.get(uid, 'u')} ppid={parent} state=S"
-        tasks[BINDER_THREAD[0], "main"] = f"{BINDER}", f"comm=main {keys}"
+        tasks[BINDER_THREAD[0], "binder"] = f"{BINDER}", f"comm=binder {keys}"
         tasks[BINDER_THREAD] = f"{BINDER}/{BINDER + 1}", f"comm={BINDER_THREAD[1]} state=S"
     return tasks
 

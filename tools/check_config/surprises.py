@@ -99,16 +99,13 @@ def without_zygote(world):
 
 
 def warnings(world, hangs):
-    """Key and text of each but those of the pace."""
-    settings, binder = world.settings, world.binder
-    watches = settings["process_enable"] or binder["enable"]
-    detects = watches or settings["bw_enable"]
-    if world.idle and not (detects and settings["hw_list"]):
+    """Key and text of each, but for the pace's."""
+    settings = world.settings
+    watches = settings["process_enable"] or world.binder["enable"]
+    if world.idle and not settings["hw_list"]:
         yield "Config", 'the daemon idles; switch "main" on, and a detector'
     elif watches and not settings["debug"] and settings["policy"] in ("nothing", "kill"):
         yield "Config.policy", 'no line names who hung; switch "debug" on'
-    if binder["enable"] and not binder["monitor_uids"]:
-        yield "Config.monitor_binder.monitor_uids", "empty: nobody is watched; fill it"
 
     is_shell = settings["use_shell"]
     never = dict.fromkeys(f"{hang['what']}, {hang['how']}" for hang in hangs
