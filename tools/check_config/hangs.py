@@ -19,28 +19,33 @@ class Hang(NamedTuple):
 
 
 def kinds(world):
-    """The hangs to be played, one of each kind: of that process with most threads that has it."""
+    """One of each kind: of the process with the most threads, where several have it."""
     processes, wchans = world.processes, world.binder["wchans"]
     names = sorted(processes, key=lambda name: -len(others_of(name, processes[name])))
-    for name in [name for name in names if not processes[name]][:1]:
+    whole = [name for name in names if not processes[name]]
+    threaded = [name for name in names if processes[name]]
+    dogs = [name for name in names if "watchdog" in processes[name]]
+    for name in whole[:1]:
         main = main_thread(name, [])
         yield Hang(WHOLE, "main thread in D, no others", name, main, "D")
         yield Hang(WHOLE, "main thread in D, others asleep", name, main, "D", "asleep")
         yield Hang(WHOLE, "main thread in D, others at work", name, main, "D", "at work")
         yield Hang(WHOLE, "zombie", name, main, "Z")
         yield Hang(WHOLE, "zombie, others asleep", name, main, "Z", "asleep")
-    for name in [name for name in names if processes[name]][:1]:
+    for name in threaded[:1]:
         threads = processes[name]
         main = main_thread(name, threads)
         yield Hang("process with threads", "main thread a zombie", name, main, "Z")
         yield Hang("thread", "in D", name, threads[0], "D")
         for thread in others_of(name, threads)[:1]:
             yield Hang("thread", "missing", name, thread, "", is_new=True)
-    for name in [name for name in names if "watchdog" in processes[name]][:1]:
+    for name in dogs[:1]:
         yield Hang('thread "watchdog"', "asleep", name, "watchdog", "S")
     if world.binder["enable"]:
-        states = [("in D", "D"), *[("in a wait channel", f"S wchan={name}") for name in wchans[:1]]]
-        for how, state in states:
+        states = {"in D": "D"}
+        if wchans:
+            states["in a wait channel"] = f"S wchan={wchans[0]}"
+        for how, state in states.items():
             yield Hang("known binder thread", how, *BINDER_THREAD, state)
             yield Hang("new binder thread", how, *BINDER_THREAD, state, is_new=True)
 
