@@ -10,7 +10,7 @@ LIST, SHELL, SCAN = "Config.monitor_process.list", "Config.switches.use_shell", 
 LONG = 10  # time-outs of a healthy life
 MAX_ABSENT = 8  # tasks in turn
 BINDER_POOL = 16  # threads that a process has for binder calls, as a rule
-WATCHDOG_PERIOD = 31  # s: it sleeps for 30 s, and then has some work
+WATCHDOG_SLEEP = 30  # s, and then it has a second's work
 
 
 def healthy_life(world, seconds):
@@ -20,7 +20,7 @@ def healthy_life(world, seconds):
     yield from (f"{ids} {keys}" for ids, keys in tasks.values())
     dogs = [ids for (_, thread), (ids, _) in tasks.items() if thread == "watchdog"]
     others = [ids for ids, _ in tasks.values() if ids not in dogs]
-    for second in range(WATCHDOG_PERIOD, seconds, WATCHDOG_PERIOD):
+    for second in range(WATCHDOG_SLEEP, seconds, WATCHDOG_SLEEP + 1):
         yield from (f"@{second} {ids} runs={second}" for ids in dogs)
     wchan = [*world.binder["wchans"], "0"][0]
     changes = ["state=D", "state=S", f"wchan={wchan}", "wchan=0", ""]
