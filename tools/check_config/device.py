@@ -1,83 +1,58 @@
 """The device on which a configuration is played: what is listed, as steps of the virtual device."""
-import dataclasses
-import itertools
-
-ZYGOTE, BINDER = 30, 900  # process ids
+ZYGOTE, INIT, BINDER = 30, 1, 900  # process ids
+BINDER_THREAD = "a server", f"Binder:{BINDER}_1"
 COMM_MAX = 15  # bytes of a thread's name
-WATCHDOG_PERIODS = (30, 31)  # s, in turn: it sleeps for 30 s, and then has some work
+# Names, valid in no file, of what does not run; whether it stands in front of all others.
+ABSENT = {"A,absent": True, "B,absent": True, "y,absent": False, "z,absent": False}
 
 
 def main_thread(name, threads):
     """The name of a process's main thread: some processes keep the end of theirs."""
-    return next((end for end in (name[:COMM_MAX], name[-COMM_MAX:]) if end in threads),
-                name[:COMM_MAX])
+    end = name[-COMM_MAX:]
+    return end if end in threads else name[:COMM_MAX]
 
 
-@dataclasses.dataclass
-class Task:
-    ids: str  # "1000" or "1000/1001"
-    name: str
-    keys: str = ""  # what it has besides, as in a step
-    runs: int = 5
-
-    def comes(self, state="state=S"):
-        return f"{self.ids} comm={self.name} {self.keys} {state}"
-
-    def moves(self, state=""):
-        """It uses the processor, and may come to another state."""
-        self.runs += 1
-        return f"{self.ids} {state} runs={self.runs}"
+def others_of(name, threads):
+    """The listed threads of a process beside its main one."""
+    return [thread for thread in threads if thread != main_thread(name, threads)]
 
 
-class Device:
-    """All that is listed but the absent: (process,) or (process, thread) each."""
+def tasks_of(world, parent=ZYGOTE):
+    """What runs, at rest, by process and thread: the ids of a task, as in "1000/1001", and the
+    keys with which it comes. The processes are children of the parent."""
+    tasks = {("the zygote", ""): (f"{ZYGOTE}", "comm=zygote state=S")}
+    for name, threads in {**dict.fromkeys(world.iowait, []), **world.processes}.items():
+        if name in ABSENT:
+            continue
+        pid, main = 1000 + 100 * len(tasks), main_thread(name, threads)
+        tasks[name, main] = f"{pid}", f"comm={main} cmd={name} ppid={parent} state=S"
+        for tid, thread in enumerate(others_of(name, threads), pid + 1):
+            if thread not in ABSENT:
+                tasks[name, thread] = f"{pid}/{tid}", f"comm={thread} state=S"
+    if world.binder["enable"]:
+        users = {uid: name for name, uid in world.binder["uid_map"].items()}
+        uid = min(world.binder["monitor_uids"] or [1], key=lambda uid: uid not in users)
+        keys = f"uid={uid} user={users.get(uid, 'u')} ppid={parent} state=S"
+        tasks[BINDER_THREAD[0], "binder"] = f"{BINDER}", f"comm=binder {keys}"
+        tasks[BINDER_THREAD] = f"{BINDER}/{BINDER + 1}", f"comm={BINDER_THREAD[1]} state=S"
+    return tasks
 
-    def __init__(self, world, processes, absent, parent=ZYGOTE):
-        self.pids, self.tasks, self.interval = {}, {}, world.interval
-        iowait, binder = world.settings["black_white_list"], world.settings["binder_monitor"]
-        others = {name: [] for name in (iowait or {}).get("list", [])}
-        for name, threads in {**others, **processes}.items():
-            if (name,) not in absent:
-                present = [thread for thread in threads if (name, thread) not in absent]
-                self.add_process(name, present, f"cmd={name} ppid={parent}")
-        self.binder_thread, self.wchans = None, []
-        if binder and binder["enable"]:
-            self.add_binder_thread(binder, parent)
 
-    def add_process(self, name, threads, keys):
-        pid = self.pids[name] = 1000 * (len(self.pids) + 1)
-        main = main_thread(name, threads)
-        self.tasks[name, main] = Task(str(pid), main, keys)
-        for tid, thread in enumerate(threads, pid + 1):
-            if thread != main:
-                self.tasks[name, thread] = Task(f"{pid}/{tid}", thread)
+def absentees(processes):
+    """What may be absent, as process and thread: any process, any thread but a main one."""
+    for name, threads in processes.items():
+        yield name, ""
+        yield from ((name, thread) for thread in others_of(name, threads))
 
-    def add_binder_thread(self, binder, parent):
-        users = {uid: name for name, uid in binder["uid_map"].items()}
-        uids = sorted(binder["monitor_uids"], key=lambda uid: uid not in users) or [1]
-        keys = f"ppid={parent} uid={uids[0]} user={users.get(uids[0], 'u')}"
-        self.tasks["", ""] = Task(str(BINDER), "binder", keys)
-        self.binder_thread = Task(f"{BINDER}/901", f"Binder:{BINDER}_1")
-        self.wchans = binder["wchans"]
 
-    def healthy_life(self, seconds):
-        """Steps of a time in which nothing hangs. At every fifth scan a task is met in D, or a
-        binder thread in a wait channel; another one comes and goes. A "watchdog" runs regularly."""
-        dogs = [task for task in self.tasks.values() if task.name == "watchdog"]
-        tasks = [task for task in self.tasks.values() if task not in dogs]
-        tasks += [self.binder_thread] if self.binder_thread else []
-        yield from (task.comes() for task in tasks + dogs)
-        for second in itertools.accumulate(itertools.cycle(WATCHDOG_PERIODS)):
-            if second > seconds:
-                break
-            yield from (f"@{second} {dog.moves()}" for dog in dogs)
-        for scan in range(1, int(seconds / self.interval) + 2):
-            at = f"@{int(scan * self.interval)} "
-            for task in tasks[(scan - 1) % 5::5]:
-                yield at + task.moves("state=S wchan=0")
-            for task in tasks[scan % 5::5]:
-                waits = self.wchans and task is self.binder_thread and scan % 2
-                yield at + task.moves(f"state=S wchan={self.wchans[0]}" if waits else "state=D")
-            if self.binder_thread:
-                ids = f"{BINDER}/902"
-                yield at + (f"{ids} comm=Binder:{BINDER}_2 state=S" if scan % 3 == 0 else f"-{ids}")
+def worlds_without(world, process, thread):
+    """What is absent bears names and stands at places in the file that bring it to the front and to
+    the end of the daemon's hash tables, whose order is another one on the device."""
+    others = world.processes.copy()
+    threads = others.pop(process)
+    for absent, is_first in ABSENT.items():
+        if thread:
+            entry = {process: [absent if name == thread else name for name in threads]}
+        else:
+            entry = {absent: threads}
+        yield world.listing({**entry, **others} if is_first else {**others, **entry})

@@ -4,39 +4,40 @@ import json
 import os
 import pathlib
 import re
-import signal
 import stat
 
-try:
-    import jsonschema  # a Debian package
-except ImportError:
-    jsonschema = None
+import jsonschema
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PREFIX = "persist.vendor.hg."
-MAX_BYTES = 1 << 18  # some hundred configurations
+MAX_CONFIG = 1 << 14  # bytes, ten times the sample; some lists take the schema quadratic time
+MAX_PROPERTIES = 1 << 20
 MAX_FAULTS = 20
-PATIENCE = 3  # s for the schema: some lists of thousands take hours
 
 
 class Refused(Exception):
     """Ends the command with one line."""
 
 
-def read_file(path):
-    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
-    with os.fdopen(descriptor, "rb") as file:
-        if not stat.S_ISREG(os.fstat(descriptor).st_mode):
+def read_file(path, max_size):
+    with open(path, "rb", opener=open_at_once) as file:
+        if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
             raise Refused(f"{path}: not a regular file")
-        content = file.read(MAX_BYTES + 1)
-    if len(content) > MAX_BYTES:
-        raise Refused(f"{path}: larger than {MAX_BYTES} bytes")
+        content = file.read(max_size + 1)
+    if len(content) > max_size:
+        raise Refused(f"{path}: larger than {max_size} bytes")
     return content
+
+
+def open_at_once(path, flags):
+    """A FIFO's writer is not waited for."""
+    return os.open(path, flags | os.O_NONBLOCK)
 
 
 def read_properties(path):
     """Lines NAME=VALUE as they stand, and those that getprop prints, "[name]: [value]", as such."""
-    return re.sub(rb"^\[([^]\n]*)\]: \[(.*)\]\r?$", rb"\1=\2", read_file(path), flags=re.M)
+    content = read_file(path, MAX_PROPERTIES)
+    return re.sub(rb"^\[([^]\n]*)\]: \[(.*)\]\r?$", rb"\1=\2", content, flags=re.M)
 
 
 def refuse_repeated_keys(pairs):
@@ -49,48 +50,19 @@ def refuse_repeated_keys(pairs):
     return document
 
 
-def refuse_constant(word):
-    raise ValueError(f"{word} is no number")
-
-
-def lose_patience(*_):
-    raise Refused(f"the schema takes more than {PATIENCE} s: too many entries")
-
-
-def schema_faults(document, part=""):
-    """Of a document, or of what stands in one at `part` of the schema."""
-    if jsonschema is None:
-        raise Refused("needs the package python3-jsonschema")
-    schema = json.loads((ROOT / "etc/tovrel.schema.json").read_text(encoding="utf-8"))
-    if part:
-        schema = {"$ref": part, "definitions": schema["definitions"]}
-    signal.signal(signal.SIGVTALRM, lose_patience)
-    signal.setitimer(signal.ITIMER_VIRTUAL, PATIENCE)
-    faults = itertools.islice(jsonschema.Draft7Validator(schema).iter_errors(document), MAX_FAULTS)
-    texts = [f"{fault.json_path.removeprefix('$.')}: {shortened(fault.message)}"
-             for fault in faults]
-    signal.setitimer(signal.ITIMER_VIRTUAL, 0)
-    return texts
-
-
-def check(content):
-    """The faults of a configuration, and the document."""
+def read_config(path):
+    """Its content, and the faults in it."""
+    content = read_file(path, MAX_CONFIG)
     try:
-        document = json.loads(content.decode("utf-8"), object_pairs_hook=refuse_repeated_keys,
-                              parse_constant=refuse_constant)
-        return schema_faults(document), document
-    except RecursionError:
-        return ["nested too deeply"], None
-    except ValueError as error:
-        return [shortened(str(error))], None
+        document = json.loads(content.decode(), object_pairs_hook=refuse_repeated_keys)
+        return content, faults_of(document)
+    except (RecursionError, ValueError) as error:
+        return content, [str(error)]
 
 
-def shortened(text):
-    return text if len(text) < 200 else f"{text[:80]} ... {text[-80:]}"
-
-
-def name_faults(process_list):
-    """Of the processes that are watched in the end: a property may have added some."""
-    processes = [{"process": name, "thread": threads} for name, threads in process_list.items()]
-    return [f"{PREFIX}processes: {fault.partition(': ')[2]}"
-            for fault in schema_faults(processes, "#/definitions/monitor_process/properties/list")]
+def faults_of(document):
+    """The first ones that the schema tells."""
+    schema = json.loads((ROOT / "etc/tovrel.schema.json").read_text(encoding="utf-8"))
+    faults = jsonschema.Draft7Validator(schema).iter_errors(document)
+    return [f"{fault.json_path.removeprefix('$.')}: {fault.message}"
+            for fault in itertools.islice(faults, MAX_FAULTS)]
