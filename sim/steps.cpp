@@ -89,7 +89,10 @@ Task changes_of(const std::string& description) {
         words[1] = "state=" + words[1];
     }
     Task changes;
-    for (const std::string& word : words) changes.insert(cut(word, "="));
+    for (const std::string& word : words) {
+        const auto [key, value] = cut(word, "=");
+        changes[key] = value;
+    }
     return changes;
 }
 

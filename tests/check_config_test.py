@@ -98,7 +98,8 @@ class Surprises(Case):
 
     def test_each_is_told_by_its_key_alone(self):
         table = [  # key, sections, properties
-            ("Config", {"switches": {"main": False}}),
+            ("Config", {"monitor_process": {}}),
+            ("Config.switches.main", {"switches": {"main": False}}),
             ("Config.policy", {"switches": {"main": True}}),
             ("Config.monitor_process.list", {"monitor_process": watch("a:a", "a:b")}),
             ("Config.monitor_process.list", {"monitor_process": watch("a", "b:b")}),

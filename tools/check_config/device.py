@@ -1,4 +1,6 @@
 """The device on which a configuration is played: what is listed, as steps of the virtual device."""
+import functools
+
 ZYGOTE, INIT, BINDER = 30, 1, 900  # process ids
 BINDER_THREAD = "a server", f"Binder:{BINDER}_1"
 COMM_MAX = 15  # bytes of a thread's name
@@ -45,14 +47,16 @@ def absentees(processes):
         yield from ((name, thread) for thread in others_of(name, threads))
 
 
+@functools.cache
 def worlds_without(world, process, thread):
     """What is absent bears names and stands at places in the file that bring it to the front and to
     the end of the daemon's hash tables, whose order is another one on the device."""
-    others = world.processes.copy()
+    worlds, others = [], world.processes.copy()
     threads = others.pop(process)
     for absent, is_first in ABSENT.items():
         if thread:
             entry = {process: [absent if name == thread else name for name in threads]}
         else:
             entry = {absent: threads}
-        yield world.listing({**entry, **others} if is_first else {**others, **entry})
+        worlds.append(world.listing({**entry, **others} if is_first else {**others, **entry}))
+    return worlds

@@ -113,7 +113,7 @@ def circumstances(world, hang):
         else:
             continue
         if words not in worlds:
-            worlds[words] = list(worlds_without(world, process, thread))
+            worlds[words] = worlds_without(world, process, thread)
     if not set(world.iowait) <= set(world.processes):
         absent = {"list": list(ABSENT)}
         worlds["an I/O-wait process absent"] = [world.changed(black_white_list=absent)]

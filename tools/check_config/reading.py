@@ -10,22 +10,21 @@ import jsonschema
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PREFIX = "persist.vendor.hg."
-MAX_CONFIG = 1 << 14  # bytes, ten times the sample; some lists take the schema quadratic time
-MAX_PROPERTIES = 1 << 20
-MAX_FAULTS = 20
+MAX_BYTES = 1 << 18  # some hundred configurations, or the properties of some devices
+MAX_FAULTS, MAX_FAULT = 20, 200  # and its characters
 
 
 class Refused(Exception):
     """Ends the command with one line."""
 
 
-def read_file(path, max_size):
+def read_file(path):
     with open(path, "rb", opener=open_at_once) as file:
         if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
             raise Refused(f"{path}: not a regular file")
-        content = file.read(max_size + 1)
-    if len(content) > max_size:
-        raise Refused(f"{path}: larger than {max_size} bytes")
+        content = file.read(MAX_BYTES + 1)
+    if len(content) > MAX_BYTES:
+        raise Refused(f"{path}: larger than {MAX_BYTES} bytes")
     return content
 
 
@@ -36,7 +35,7 @@ def open_at_once(path, flags):
 
 def read_properties(path):
     """Lines NAME=VALUE as they stand, and those that getprop prints, "[name]: [value]", as such."""
-    content = read_file(path, MAX_PROPERTIES)
+    content = read_file(path)
     return re.sub(rb"^\[([^]\n]*)\]: \[(.*)\]\r?$", rb"\1=\2", content, flags=re.M)
 
 
@@ -52,17 +51,17 @@ def refuse_repeated_keys(pairs):
 
 def read_config(path):
     """Its content, and the faults in it."""
-    content = read_file(path, MAX_CONFIG)
+    content = read_file(path)
     try:
         document = json.loads(content.decode(), object_pairs_hook=refuse_repeated_keys)
         return content, faults_of(document)
     except (RecursionError, ValueError) as error:
-        return content, [str(error)]
+        return content, [f"{error!s:.{MAX_FAULT}}"]
 
 
 def faults_of(document):
     """The first ones that the schema tells."""
     schema = json.loads((ROOT / "etc/tovrel.schema.json").read_text(encoding="utf-8"))
     faults = jsonschema.Draft7Validator(schema).iter_errors(document)
-    return [f"{fault.json_path.removeprefix('$.')}: {fault.message}"
+    return [f"{fault.json_path.removeprefix('$.')}: {fault.message:.{MAX_FAULT}}"
             for fault in itertools.islice(faults, MAX_FAULTS)]

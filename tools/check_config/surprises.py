@@ -92,7 +92,7 @@ def without_zygote(world):
     steps = [f"{ids} {keys}" for ids, keys in tasks.values()]
     [(_, responses)] = world.play(world.script(steps, 5 * world.timeout))
     if not responses:
-        return "the same holds"
+        return "makes no difference"
     first_act = next(response.seconds for response in responses if response.is_act)
     return (f"tasks at rest count as stuck: the first dump after {responses[0].seconds:g} s, the "
             f"first act after {first_act:g} s")
@@ -102,8 +102,10 @@ def warnings(world, hangs):
     """Key and text of each, but for the pace's."""
     settings = world.settings
     watches = settings["process_enable"] or world.binder["enable"]
-    if world.idle and not settings["hw_list"]:
-        yield "Config", 'the daemon idles; switch "main" on, and a detector'
+    if not (watches or settings["bw_enable"]):
+        yield "Config", 'no detector is on, so the daemon idles; enable "monitor_process"'
+    elif world.idle and not settings["hw_list"]:
+        yield "Config.switches.main", "off, so the daemon idles; switch it on"
     elif watches and not settings["debug"] and settings["policy"] in ("nothing", "kill"):
         yield "Config.policy", 'no line names who hung; switch "debug" on'
 
