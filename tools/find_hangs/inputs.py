@@ -6,6 +6,7 @@ import io
 import lzma
 import os
 import re
+import shutil
 import struct
 import tarfile
 import tempfile
@@ -16,9 +17,10 @@ from functools import partial
 
 DEEPEST = 4  # archives within archives
 CHUNK = 256 * 1024  # bytes read at once
-LONGEST_LINE = 4096  # bytes; a longer one is cut, but never within a report
 LONGEST_REPORT = 1024
-# An input may unpack to this, or to so many times its size; what is more is not read.
+# A longer line is cut, but never within a report.
+LINE_PART = re.compile(rb".{1,3072}(?:.{0,1022}\ds)?", re.S)
+# An input may unpack to this and so many times its size; what is more is not read.
 MOST_UNPACKED, MOST_RATIO = 2 << 30, 100
 UNREADABLE = (OSError, EOFError, ValueError, ArithmeticError, RuntimeError, struct.error,
               zipfile.BadZipFile, tarfile.TarError, lzma.LZMAError, zlib.error)
@@ -35,66 +37,76 @@ class Text(typing.NamedTuple):
         return self.name.startswith(f"{self.family}:")
 
 
-class Budget:
-    """Counts what is unpacked from one input."""
-
-    def __init__(self, size):
-        self._left = max(MOST_UNPACKED, MOST_RATIO * size)
-
-    def spend(self, size):
-        self._left -= size
-        if self._left < 0:
-            raise ValueError("unpacks to too much; the rest is not read")
-
-
 class Stream(io.RawIOBase):
-    """A file that was read from before, from its begin again; what it holds is spent."""
+    """A file of which the head was read before, from its begin again."""
 
-    def __init__(self, head, file, budget):
-        self._head, self._file, self._budget = head, file, budget
+    def __init__(self, head, file, count):
+        self._head, self._file, self._count = head, file, count
 
     def readable(self):
         return True
 
     def readinto(self, buffer):
-        data = self._head[:len(buffer)] or self._file.read(len(buffer))
+        # What precedes a fault is read.
+        data = self._head[:len(buffer)] or self._file.read1(len(buffer))
         self._head = self._head[len(buffer):]
-        if self._budget:
-            self._budget.spend(len(data))
+        self._count(len(data))
         buffer[:len(data)] = data
         return len(data)
 
 
-def texts(path, report):
-    """The texts in a file, or in standard input for "-". Faults are told to report(name, fault)."""
-    name = "(standard input)" if path == "-" else path
-    try:
-        size = os.stat(0 if path == "-" else path).st_size
-    except OSError as fault:
-        report(name, fault)
-    else:
-        opener = partial(open, 0 if path == "-" else path, "rb", buffering=0)
-        yield from unpack(opener, name, os.path.dirname(path), Budget(size), 0, report)
+class Input:
+    """A file, or the standard input for "-". Faults are told to report(name, fault)."""
 
+    def __init__(self, path, report):
+        self._path, self._report = path, report
+        self._left = MOST_UNPACKED
 
-def unpack(opener, name, family, budget, depth, report):
-    """The texts in a file that may be an archive, by its content."""
-    try:
-        file = opener()
-        head = file.read(tarfile.BLOCKSIZE)
-        while 0 < len(head) < tarfile.BLOCKSIZE and (more := file.read(tarfile.BLOCKSIZE)):
-            head += more
-        stream = io.BufferedReader(Stream(head, file, budget if depth else None), CHUNK)
-        members = members_of(head, stream, name, family)
-        if members is None:
-            yield Text(name, family, blocks(stream, name, report))
-        elif depth == DEEPEST:
-            raise ValueError("archives are too deep in each other")
-        else:
-            for member, member_name, member_family in members:
-                yield from unpack(member, member_name, member_family, budget, depth + 1, report)
-    except UNREADABLE as fault:
-        report(name, fault)
+    def texts(self):
+        is_file = self._path != "-"
+        opener = partial(open, self._path if is_file else 0, "rb")
+        name = self._path if is_file else "(standard input)"
+        yield from self._unpack(opener, name, os.path.dirname(self._path), 0)
+
+    def _count(self, depth, size):
+        self._left += -size if depth else MOST_RATIO * size
+        if self._left < 0:
+            raise ValueError("unpacks to too much; the rest is not read")
+
+    def _unpack(self, opener, name, family, depth):
+        """The texts in a file that may be an archive, by its content."""
+        try:
+            file = opener()
+            head = b""
+            while more := file.read1(tarfile.BLOCKSIZE - len(head)):
+                head += more
+            stream = io.BufferedReader(Stream(head, file, partial(self._count, depth)), CHUNK)
+            members = members_of(head, stream, name, family)
+            if members is None:
+                yield Text(name, family, self._blocks(stream, name))
+            elif depth == DEEPEST:
+                raise ValueError("archives are too deep in each other")
+            else:
+                for member, member_name, member_family in members:
+                    yield from self._unpack(member, member_name, member_family, depth + 1)
+        except UNREADABLE as fault:
+            self._report(name, fault)
+
+    def _blocks(self, stream, name):
+        """Blocks of whole lines, as UTF-8 without NULs. A longer line than a block is cut."""
+        decode, rest = None, b""
+        try:
+            while data := stream.read(CHUNK):
+                if decode is None:
+                    data, decode = decoder_of(data)
+                rest += decode(data).translate(None, b"\0")
+                cut = cut_of(rest)
+                yield rest[:cut]
+                rest = rest[cut:]
+        except UNREADABLE as fault:
+            self._report(name, fault)
+        if rest:
+            yield rest
 
 
 def members_of(head, stream, name, family):
@@ -105,7 +117,7 @@ def members_of(head, stream, name, family):
     if head.startswith((b"PK\3\4", b"PK\5\6")):
         return zip_members(stream, name)
     try:
-        tarfile.TarInfo.frombuf(head[:tarfile.BLOCKSIZE], "utf-8", "replace")
+        tarfile.TarInfo.frombuf(head, "utf-8", "replace")
     except tarfile.TarError:
         return None
     return tar_members(stream, name)
@@ -113,12 +125,10 @@ def members_of(head, stream, name, family):
 
 def zip_members(stream, name):
     with tempfile.TemporaryFile() as file:
-        # The directory is at the end.
-        while data := stream.read(CHUNK):
-            file.write(data)
+        shutil.copyfileobj(stream, file)  # its directory is at the end
         with zipfile.ZipFile(file) as archive:
             for info in archive.infolist():
-                if not info.filename.endswith("/"):
+                if not info.is_dir():
                     yield partial(archive.open, info), f"{name}:{info.filename}", name
 
 
@@ -128,23 +138,6 @@ def tar_members(stream, name):
             archive.members = []  # which would grow with the archive
             if info.isreg():
                 yield partial(archive.extractfile, info), f"{name}:{info.name}", name
-
-
-def blocks(stream, name, report):
-    """Blocks of whole lines, as UTF-8 without NULs. A longer line than a block is cut."""
-    decode, rest = None, b""
-    try:
-        while data := stream.read(CHUNK):
-            if decode is None:
-                data, decode = decoder_of(data)
-            rest += decode(data).translate(None, b"\0")
-            cut = cut_of(rest)
-            yield rest[:cut]
-            rest = rest[cut:]
-    except UNREADABLE as fault:
-        report(name, fault)
-    if rest:
-        yield rest
 
 
 def decoder_of(data):
@@ -158,18 +151,11 @@ def decoder_of(data):
 def cut_of(data):
     """Where a block ends: behind a line, or in a longer one where no report can be."""
     end = max(data.rfind(b"\n"), data.rfind(b"\r", 0, -1)) + 1
-    return end if end or len(data) < CHUNK else cut_of_line(data)
-
-
-def cut_of_line(line):
-    """Behind the last report that may end in it; one that does not is in its end."""
-    tail = len(line) - LONGEST_REPORT
-    return max((match.end() for match in re.finditer(rb"\ds", line[tail:])), default=0) + tail
+    if end or len(data) < CHUNK:
+        return end
+    return re.compile(rb"(.*\ds)?", re.S).match(data, len(data) - LONGEST_REPORT).end()
 
 
 def parts_of(line):
-    while len(line) > LONGEST_LINE:
-        cut = cut_of_line(line[:LONGEST_LINE])
-        yield line[:cut]
-        line = line[cut:]
-    yield line
+    """Parts of it that are short enough, none of which ends within a report."""
+    return LINE_PART.findall(line)

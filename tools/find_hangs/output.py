@@ -2,7 +2,6 @@
 import collections
 import json
 
-
 TITLES = ("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION", "FILE")
 MOST_BOOTS, MOST_DRAWN = 20, 200  # boots, and hangs of each; a picture of more cannot be read
 LONGEST_NAME = 64
@@ -24,12 +23,13 @@ def printable(text):
                    char.encode("unicode_escape", "surrogatepass").decode() for char in text)
 
 
-def table_of(hangs):
+def table(hangs):
     """Lines of a table, with the stack below each hang."""
     widths = [len(title) for title in TITLES]
     for hang in hangs:
         widths = [max(size, len(text)) for size, text in zip(widths, row_of(hang))]
-    yield line_of(TITLES, widths)
+    if hangs:
+        yield line_of(TITLES, widths)
     for hang in hangs:
         yield line_of(row_of(hang), widths)
         for frame in hang.stack:
@@ -55,14 +55,20 @@ def row_of(hang):
     return tuple(map(printable, parts))
 
 
-def json_of(hang, boot):
-    """The hang as one line, a JSON object; docs/hangs.md describes it."""
+def json_lines(hangs):
+    """A line for each hang, a JSON object; docs/hangs.md describes it."""
+    numbers = boot_numbers(hangs)
+    for hang in hangs:
+        yield json.dumps({"boot": numbers[hang.boot], **json_of(hang)})
+
+
+def json_of(hang):
     def seconds(time):
         return round(time.seconds, 6) if time and time.is_known() else None
     def text(time):
         return str(time) if time and time.is_known() else None
-    return json.dumps({
-        "file": hang.source, "boot": boot, "clock": hang.time.clock,
+    return {
+        "file": hang.source, "clock": hang.time.clock,
         "process": hang.process or None, "thread": hang.thread or None,
         "tid": hang.tid, "pid": hang.pid, "ppid": hang.ppid,
         "condition": hang.condition or None, "wchan": hang.wchan or None,
@@ -70,12 +76,12 @@ def json_of(hang, boot):
         "dumped": seconds(hang.dumped), "reported": [seconds(time) for time in hang.reported],
         "since_text": text(hang.since), "dumped_text": text(hang.dumped),
         "reported_text": [text(time) for time in hang.reported], "report": hang.text or None,
-        "act": hang.act or None, "stack": hang.stack, "likely": hang.likely})
+        "act": hang.act or None, "stack": hang.stack, "likely": hang.likely}
 
 
-def numbers_of_boots(hangs):
-    """A number for each boot, from 1 on, by its identity."""
-    boots = dict.fromkeys(id(hang.boot) for hang in hangs)
+def boot_numbers(hangs):
+    """Numbers from 1 on for the boots that have hangs."""
+    boots = dict.fromkeys(hang.boot for hang in hangs)
     return {boot: number for number, boot in enumerate(boots, 1)}
 
 
@@ -86,21 +92,21 @@ def plot(hangs, path):
     from matplotlib import pyplot
     pyplot.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tovrel",
                             "text.parse_math": False, "axes.formatter.useoffset": False})
-    boots = collections.defaultdict(list)
+    groups = collections.defaultdict(list)
     for hang in hangs:
         if hang.time.is_known():
-            boots[id(hang.boot), hang.time.clock].append(hang)
-    boots = {key: boot[:MOST_DRAWN] for key, boot in list(boots.items())[:MOST_BOOTS]}
+            groups[hang.boot, hang.time.clock].append(hang)
+    boots = [boot[:MOST_DRAWN] for boot in list(groups.values())[:MOST_BOOTS]]
     if not boots:
         return 0
-    heights = [len(boot) + 2.5 for boot in boots.values()]
+    heights = [len(boot) + 2.5 for boot in boots]
     figure, rows = pyplot.subplots(
-        len(heights), squeeze=False, layout="constrained",
+        len(boots), squeeze=False, layout="constrained",
         figsize=(WIDTH, ROW_HEIGHT * sum(heights)), gridspec_kw={"height_ratios": heights})
-    for axes, boot in zip(rows[:, 0], boots.values()):
+    for axes, boot in zip(rows[:, 0], boots):
         draw_boot(axes, boot)
     figure.savefig(path, format="svg", metadata={"Date": None})
-    return sum(map(len, boots.values()))
+    return sum(map(len, boots))
 
 
 def draw_boot(axes, hangs):
