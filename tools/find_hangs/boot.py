@@ -1,5 +1,6 @@
 """What the lines of one boot tell together: its hangs."""
 import itertools
+import typing
 
 from . import prefixes
 from .hang import ECHO, Hang, is_within
@@ -11,9 +12,10 @@ LINES_IN_STACK = 200  # of others, until all stacks count as ended
 NUMBERS = itertools.count()
 
 
-class Stack:
-    def __init__(self, thread, time):
-        self.thread, self.time, self.frames = thread, time, []
+class Stack(typing.NamedTuple):
+    thread: str
+    time: prefixes.Time
+    frames: list
 
     def add(self, frame):
         if len(self.frames) < LONGEST_STACK:
@@ -91,9 +93,9 @@ class Boot:
             self._act(piece.time, act)
 
     def _act(self, time, act):
-        hang, self._told = self._told, None
+        hang = self._told
         if hang and hang.reported and is_within(hang.last, time, ACT_AFTER_REPORT):
-            hang.act = act
+            hang.act, self._told = act, None
 
     def _learn_standing(self, hang):
         """Gives a hang what the line before told of it."""
@@ -129,7 +131,7 @@ class Boot:
     def _follow_stack(self, piece, kind, parts):
         self._others += 1
         if kind == "task":
-            stack = Stack(parts["thread"], piece.time)
+            stack = Stack(parts["thread"], piece.time, [])
             self._open[piece.caller] = self._stacks[parts["tid"]] = stack
             hang = self._latest.get(("D", "thread", parts["tid"]))
             if hang and hang.reported and is_within(hang.last, stack.time, DUMP_AFTER_REPORT):
@@ -148,8 +150,11 @@ def keys(hang):
     """What tells a hang apart, the surest first; a report does not have all of it."""
     if hang.tid:
         yield hang.condition, "thread", hang.tid
-    if hang.pid or hang.condition == "self stuck":
-        yield hang.condition, hang.pid, hang.thread if hang.condition == "missing" else None
+    if hang.condition == "missing":
+        yield hang.condition, hang.pid, hang.thread
+        yield hang.condition, None, hang.thread
+    elif hang.pid or hang.condition == "self stuck":
+        yield hang.condition, hang.pid
 
 
 def continues(hang, new):

@@ -31,7 +31,7 @@ class Family:
         timeouts = {hang.timeout for hang in self.hangs}
         for hang in self.hangs:
             hang.split_wchan(hang.wchan.removesuffix(str(hang.likely_timeout(timeouts))))
-        hangs = join(self.hangs, lambda hang: (hang.boot, identity(hang)), True)
+        hangs = join(self.hangs, lambda hang: (hang.boot, *identity(hang)), True)
         hangs = join(hangs, identity, False)
         for hang in hangs:
             self._name(hang)
@@ -39,7 +39,7 @@ class Family:
 
     def _name(self, hang):
         for time, parts in reversed(self._crashes.get((hang.pid, hang.tid or hang.pid), [])):
-            names = {"process": parts["process"], "thread": hang.tid and parts["thread"]}
+            names = {"thread": hang.tid and parts["thread"], "process": parts["process"]}
             is_sure = self._is_of(hang, time)
             if is_sure is not False:
                 hang.learn(names, is_sure)
@@ -77,6 +77,7 @@ class Collector:
         if digest.digest() not in self._digests:
             self._digests.add(digest.digest())
             hangs = [hang for boot in reader.boots for hang in boot.hangs]
+            del reader  # and what only the boots need
             family.hangs += self._new_ones(hangs)
 
     def _new_ones(self, hangs):
@@ -93,6 +94,7 @@ class Collector:
         return news
 
     def close(self):
+        self._known.clear()
         for family in self._families.values():
             self.hangs += family.close()
 
@@ -105,7 +107,7 @@ def moments(hang):
     """What no other hang has: when the task was dumped and reported."""
     for time in (hang.dumped, *hang.reported):
         if time and time.is_known():
-            yield identity(hang), time
+            yield *identity(hang), time
 
 
 def identity(hang):
@@ -119,14 +121,18 @@ def join(hangs, key, is_sure):
     """The hangs, one for two with the same key in the kernel's and the Android log of a boot. The
     last ones are in both logs.
     """
-    groups, dropped = collections.defaultdict(lambda: ([], [])), set()
+    groups, dropped = collections.defaultdict(list), set()
     for hang in hangs:
         if hang.time.is_known():
-            groups[key(hang)][hang.time.clock == prefixes.UPTIME].append(hang)
-    for dated, kernel in groups.values():
+            groups[key(hang)].append(hang)
+    for group in groups.values():
+        kernel = [hang for hang in group if hang.time.clock == prefixes.UPTIME]
+        dated = [hang for hang in group if hang.time.clock != prefixes.UPTIME]
+        boots = [{hang.boot for hang in logs} for logs in (dated, kernel)]
         # Of several boots' logs none is known to belong to another one's.
-        boots = len({hang.boot for hang in dated}), len({hang.boot for hang in kernel})
-        for one, other in zip(reversed(dated), reversed(kernel)) if boots == (1, 1) else ():
+        if not is_sure and (boots[0] == boots[1] or max(map(len, boots)) > 1):
+            continue
+        for one, other in zip(reversed(dated), reversed(kernel)):
             if {one.is_last, other.is_last} >= {True, False} \
                     or one.text and other.text and one.text != other.text:
                 continue

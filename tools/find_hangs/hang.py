@@ -62,9 +62,11 @@ class Hang:
     def fits(self, before):
         """Whether it can be the task told of before: nothing differs that both have."""
         self.split_wchan(before.wchan)
-        return all(getattr(self, part) == getattr(before, part) for part in (
-            "condition", "tid", "ppid", "thread", "wchan", "timeout")
-            if getattr(self, part) and getattr(before, part))
+        parts = ["condition", "tid", "pid", "ppid", "wchan", "timeout"]
+        if self.condition == "missing":
+            parts.append("thread")
+        pairs = [(getattr(self, part), getattr(before, part)) for part in parts]
+        return all(mine == its for mine, its in pairs if mine and its)
 
     def split_wchan(self, wchan):
         """Splits wait channel and time-out; a report has nothing between them."""

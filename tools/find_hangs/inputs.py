@@ -158,4 +158,4 @@ def cut_of(data):
 
 def parts_of(line):
     """Parts of it that are short enough, none of which ends within a report."""
-    return LINE_PART.findall(line)
+    return LINE_PART.findall(line) or [line]

@@ -59,16 +59,16 @@ def json_lines(hangs):
     """A line for each hang, a JSON object; docs/hangs.md describes it."""
     numbers = boot_numbers(hangs)
     for hang in hangs:
-        yield json.dumps({"boot": numbers[hang.boot], **json_of(hang)})
+        yield json_of(hang, numbers[hang.boot])
 
 
-def json_of(hang):
+def json_of(hang, boot):
     def seconds(time):
         return round(time.seconds, 6) if time and time.is_known() else None
     def text(time):
         return str(time) if time and time.is_known() else None
-    return {
-        "file": hang.source, "clock": hang.time.clock,
+    return json.dumps({
+        "file": hang.source, "boot": boot, "clock": hang.time.clock,
         "process": hang.process or None, "thread": hang.thread or None,
         "tid": hang.tid, "pid": hang.pid, "ppid": hang.ppid,
         "condition": hang.condition or None, "wchan": hang.wchan or None,
@@ -76,7 +76,7 @@ def json_of(hang):
         "dumped": seconds(hang.dumped), "reported": [seconds(time) for time in hang.reported],
         "since_text": text(hang.since), "dumped_text": text(hang.dumped),
         "reported_text": [text(time) for time in hang.reported], "report": hang.text or None,
-        "act": hang.act or None, "stack": hang.stack, "likely": hang.likely}
+        "act": hang.act or None, "stack": hang.stack, "likely": hang.likely})
 
 
 def boot_numbers(hangs):
