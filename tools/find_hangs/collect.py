@@ -38,23 +38,19 @@ class Family:
         return hangs
 
     def _name(self, hang):
+        """Gives the names that a crash dump of this hang has, or one that may be of it."""
         for time, parts in reversed(self._crashes.get((hang.pid, hang.tid or hang.pid), [])):
-            names = {"thread": hang.tid and parts["thread"], "process": parts["process"]}
-            is_sure = self._is_of(hang, time)
-            if is_sure is not False:
+            if hang.time.clock == prefixes.DAY and time.clock == prefixes.DATE:
+                time = time.without_year()
+            is_sure = time.is_known() and time.clock == hang.time.clock
+            if is_sure:
+                first, last, most = hang.since or hang.time, hang.last, CRASH_AFTER_REPORT
+            else:
+                first, last = self._dates.get(time.clock, (time, time))
+                first, most = first.minus(DAY), DAY
+            if is_within(first, time) and is_within(time.minus(most), last):
+                names = {"thread": hang.tid and parts["thread"], "process": parts["process"]}
                 hang.learn(names, is_sure)
-
-    def _is_of(self, hang, crash):
-        """Whether the crash dump is of this hang; None if it only may be."""
-        if hang.time.clock == prefixes.DAY and crash.clock == prefixes.DATE:
-            crash = crash.without_year()
-        if crash.is_known() and hang.time.clock == crash.clock:
-            return is_within(hang.since or hang.time, crash) \
-                and is_within(crash.minus(CRASH_AFTER_REPORT), hang.last)
-        first, last = self._dates.get(crash.clock, (crash, crash))
-        if not first.seconds - DAY <= crash.seconds <= last.seconds + DAY:
-            return False
-        return None
 
 
 class Collector:
@@ -70,10 +66,11 @@ class Collector:
     def read(self, text):
         family, digest = self._families[text.family], hashlib.sha1()
         reader = Reader(text, family, self._add_unreadable)
-        for block in text.blocks:
-            digest.update(block)
-            reader.read(block)
-        self.lines += reader.lines
+        number = 0
+        for number, line in text.lines:
+            digest.update(line.encode())
+            reader.take(line, number)
+        self.lines += number
         if digest.digest() not in self._digests:
             self._digests.add(digest.digest())
             hangs = [hang for boot in reader.boots for hang in boot.hangs]

@@ -6,11 +6,10 @@ from . import prefixes
 UNKNOWN_ID = str(2 ** 32 - 1)  # how the daemon prints an id that it does not have
 
 # Every telling line has one of these: the fast way past the others.
-MARKS = (b"ppid:", b"tid:", b"task:", b"tid=", b"state=", b"dumped", b"killing ", b"nothing to do",
-         b"pid changed to ", b"bw ", b"Self stuck", b" 0x", b"Trigger a", b"sysrq triggered",
-         b"tovrel'", b"=tovrel", b">>> ", b"Timestamp: ", b"== dumpstate", b"Linux version",
-         b"Booting Linux", b"------ ", b" Part", b" ]")
-MAY_TELL = re.compile(b"|".join(map(re.escape, MARKS)))
+MAY_TELL = re.compile(
+    r"ppid:|tid:|task:|tid=|state=|dumped|killing |nothing to do|pid changed to |bw |Self stuck| 0x|"
+    r"Trigger a|sysrq triggered|tovrel'|=tovrel|>>> |Timestamp: |== dumpstate|Linux version|"
+    r"Booting Linux|------ | Part| \]")
 
 ID = r"\d{1,10}"
 # Names have 15 bytes; one that shares its line with something else begins at a blank.

@@ -1,4 +1,4 @@
-"""The texts in files and archives, as blocks of lines, in bounded memory."""
+"""The texts in files and archives, as lines, in bounded memory."""
 import bz2
 import codecs
 import gzip
@@ -17,9 +17,8 @@ from functools import partial
 
 DEEPEST = 4  # archives within archives
 CHUNK = 256 * 1024  # bytes read at once
-LONGEST_REPORT = 1024
-# A longer line is cut, but never within a report.
-LINE_PART = re.compile(rb".{1,3072}(?:.{0,1022}\ds)?", re.S)
+# A line or, of one longer than this, a part that does not end within a report.
+PART = re.compile(r"[^\n]{1,3072}(?:[^\n]{0,1022}\ds)?\n?|\n")
 # An input may unpack to this and so many times its size; what is more is not read.
 MOST_UNPACKED, MOST_RATIO = 2 << 30, 100
 UNREADABLE = (OSError, EOFError, ValueError, ArithmeticError, RuntimeError, struct.error,
@@ -30,26 +29,20 @@ UNPACKERS = {b"\x1f\x8b": gzip.open, b"BZh": bz2.open, b"\xfd7zXZ\0": lzma.open}
 class Text(typing.NamedTuple):
     name: str  # of the file, and behind a colon of each member
     family: str  # the archive, or the directory, whose texts are of one device
-    blocks: typing.Iterator
-
-    @property
-    def is_member(self):
-        return self.name.startswith(f"{self.family}:")
+    lines: typing.Iterator  # with their numbers
 
 
-class Stream(io.RawIOBase):
-    """A file of which the head was read before, from its begin again."""
+class Counted(io.RawIOBase):
+    """A file, of which is counted what is read."""
 
-    def __init__(self, head, file, count):
-        self._head, self._file, self._count = head, file, count
+    def __init__(self, file, count):
+        self._file, self._count = file, count
 
     def readable(self):
         return True
 
     def readinto(self, buffer):
-        # What precedes a fault is read.
-        data = self._head[:len(buffer)] or self._file.read1(len(buffer))
-        self._head = self._head[len(buffer):]
+        data = self._file.read1(len(buffer))  # what precedes a fault is read
         self._count(len(data))
         buffer[:len(data)] = data
         return len(data)
@@ -63,27 +56,20 @@ class Input:
         self._left = MOST_UNPACKED
 
     def texts(self):
-        is_file = self._path != "-"
-        opener = partial(open, self._path if is_file else 0, "rb")
-        name = self._path if is_file else "(standard input)"
-        yield from self._unpack(opener, name, os.path.dirname(self._path), 0)
-
-    def _count(self, depth, size):
-        self._left += -size if depth else MOST_RATIO * size
-        if self._left < 0:
-            raise ValueError("unpacks to too much; the rest is not read")
+        if self._path == "-":
+            yield from self._unpack(partial(open, 0, "rb"), "(standard input)", "", 0)
+        else:
+            opener = partial(open, self._path, "rb")
+            yield from self._unpack(opener, self._path, os.path.dirname(self._path), 0)
 
     def _unpack(self, opener, name, family, depth):
         """The texts in a file that may be an archive, by its content."""
         try:
-            file = opener()
-            head = b""
-            while more := file.read1(tarfile.BLOCKSIZE - len(head)):
-                head += more
-            stream = io.BufferedReader(Stream(head, file, partial(self._count, depth)), CHUNK)
-            members = members_of(head, stream, name, family)
+            file = Counted(opener(), partial(self._count, depth))
+            stream = io.BufferedReader(file, CHUNK)
+            members = members_of(stream, name, family)
             if members is None:
-                yield Text(name, family, self._blocks(stream, name))
+                yield Text(name, family, self._lines(stream, name))
             elif depth == DEEPEST:
                 raise ValueError("archives are too deep in each other")
             else:
@@ -92,25 +78,31 @@ class Input:
         except UNREADABLE as fault:
             self._report(name, fault)
 
-    def _blocks(self, stream, name):
-        """Blocks of whole lines, as UTF-8 without NULs. A longer line than a block is cut."""
-        decode, rest = None, b""
+    def _count(self, depth, size):
+        self._left += -size if depth else MOST_RATIO * size
+        if self._left < 0:
+            raise ValueError("unpacks to too much; the rest is not read")
+
+    def _lines(self, stream, name):
+        is_utf16 = stream.peek().startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE))
+        decoder = codecs.getincrementaldecoder("utf-16" if is_utf16 else "utf-8-sig")("replace")
+        decoder = io.IncrementalNewlineDecoder(decoder, translate=True)
+        number, rest = 1, ""
         try:
-            while data := stream.read(CHUNK):
-                if decode is None:
-                    data, decode = decoder_of(data)
-                rest += decode(data).translate(None, b"\0")
-                cut = cut_of(rest)
-                yield rest[:cut]
-                rest = rest[cut:]
+            while data := stream.read1(CHUNK):
+                *parts, rest = PART.findall(rest + decoder.decode(data).replace("\0", "")) or [""]
+                for part in parts:
+                    yield number, part
+                    number += part.endswith("\n")
         except UNREADABLE as fault:
             self._report(name, fault)
         if rest:
-            yield rest
+            yield number, rest
 
 
-def members_of(head, stream, name, family):
+def members_of(stream, name, family):
     """What opens each member, its name and family; None if it is no archive."""
+    head = stream.peek()[:tarfile.BLOCKSIZE]
     for magic, unpacker in UNPACKERS.items():
         if head.startswith(magic):
             return [(partial(unpacker, stream), name, family)]
@@ -138,24 +130,3 @@ def tar_members(stream, name):
             archive.members = []  # which would grow with the archive
             if info.isreg():
                 yield partial(archive.extractfile, info), f"{name}:{info.name}", name
-
-
-def decoder_of(data):
-    """The data without a UTF-8 mark, and what makes UTF-8 of it and of what follows."""
-    if data.startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE)):
-        decoder = codecs.getincrementaldecoder("utf-16")("replace")
-        return data, lambda data: decoder.decode(data).encode("utf-8", "replace")
-    return data.removeprefix(codecs.BOM_UTF8), lambda data: data
-
-
-def cut_of(data):
-    """Where a block ends: behind a line, or in a longer one where no report can be."""
-    end = max(data.rfind(b"\n"), data.rfind(b"\r", 0, -1)) + 1
-    if end or len(data) < CHUNK:
-        return end
-    return re.compile(rb"(.*\ds)?", re.S).match(data, len(data) - LONGEST_REPORT).end()
-
-
-def parts_of(line):
-    """Parts of it that are short enough, none of which ends within a report."""
-    return LINE_PART.findall(line) or [line]

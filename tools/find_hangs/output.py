@@ -113,13 +113,12 @@ def draw_boot(axes, hangs):
     starts = [hang.since or hang.dumped or hang.time for hang in hangs]
     first = min(starts, key=lambda time: time.seconds)
     for height, (hang, start) in enumerate(zip(hangs, starts)):
-        bar = [time.seconds - first.seconds for time in (start, hang.last)]
-        axes.hlines(height, *bar, colors="0.8", linewidth=6)
-    for mark, times_of in (("bo", lambda hang: [hang.dumped]), ("rX", lambda hang: hang.reported)):
-        points = [(time.seconds - first.seconds, height) for height, hang in enumerate(hangs)
-                  for time in times_of(hang) if time and time.clock == first.clock]
-        if points:
-            axes.plot(*zip(*points), mark)
+        begin, end, dumped, *reported = (
+            time.seconds - first.seconds if time and time.clock == first.clock else None
+            for time in (start, hang.last, hang.dumped, *hang.reported))
+        axes.hlines(height, begin, end, colors="0.8", linewidth=6)
+        axes.plot([dumped], [height], "bo")
+        axes.plot(reported, [height] * len(reported), "rX")
     names = [printable(f"{task_of(hang) or hang.pid} {condition_of(hang)}") for hang in hangs]
     names = [name if len(name) <= LONGEST_NAME else name[:LONGEST_NAME] + "..." for name in names]
     axes.set_yticks(range(len(hangs)), names)

@@ -30,11 +30,10 @@ class Time(typing.NamedTuple):
     def __str__(self):
         if self.clock == UPTIME:
             return f"{self.seconds:.1f}"
-        try:
-            date = EPOCHS[self.clock] + datetime.timedelta(seconds=self.seconds)
-            return date.strftime(FORMATS[self.clock])
-        except (KeyError, OverflowError, ValueError):
+        if not self.is_known():
             return "?"
+        date = EPOCHS[self.clock] + datetime.timedelta(seconds=self.seconds)
+        return date.strftime(FORMATS[self.clock])
 
 
 class Piece(typing.NamedTuple):
@@ -49,10 +48,10 @@ class Piece(typing.NamedTuple):
 MONTHS = "Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec".split()
 # "2026-11-21 13:44:20.5 +0100", "11-21 13:44:20", "2026-11-21T13:44:20,5Z"; and
 # "Nov 21 13:44:20", "Nov21 13:44", "Sat Nov 21 13:44:20.5 2026"
-DATE_FORM = (r"(?:(?:(?P<year>\d{4})-)?(?P<month>\d\d)-(?P<day>\d\d)[ T]|(?:[A-Z][a-z]{2} )?"
+DATE_FORM = (r"(?:(?:(?P<year>[12]\d{3})-)?(?P<month>\d\d)-(?P<day>\d\d)[ T]|(?:[A-Z][a-z]{2} )?"
              rf"(?P<name>{'|'.join(MONTHS)}) {{0,2}}(?P<named_day>\d\d?) )"
              r"(?P<hour>\d\d):(?P<minute>\d\d)(?::(?P<second>\d\d(?:[.,]\d{1,9})?))?"
-             r"(?(name)(?: (?P<named_year>\d{4}))?|(?:Z| ?[+-]\d\d:?\d\d)?)")
+             r"(?(name)(?: (?P<named_year>[12]\d{3}))?|(?:Z| ?[+-]\d\d:?\d\d)?)")
 SECONDS = r"(?P<seconds>\d{1,10}\.\d{1,9})"
 STAMP = rf"(?:(?<!\d){DATE_FORM}|(?<![\d.]){SECONDS})"
 # Before a line: quoting, and the file and number that grep adds.

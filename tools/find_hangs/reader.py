@@ -1,18 +1,17 @@
 """Finds the boots in one text, and the lines of each."""
 import re
 
-from . import contents, inputs, prefixes
+from . import contents, prefixes
 from .boot import Boot
 
 SECTION = re.compile(r"------ (?P<title>\S.*?)(?: \(.*\))? ------")
 LAST = re.compile("(?<![a-z])last|ramoops|pmsg", re.I)  # what a bug report has of the boot before
 KERNEL_LOG = re.compile("kernel|kmsg|dmesg|ramoops|pstore", re.I)
-UPTIME = re.compile(rb"(?:<\d+>)?\[ *(\d{1,9})\.\d")
+UPTIME = re.compile(r"(?:<\d+>)?\[ *(\d{1,9})\.\d")
 
 
 class Reader:
     def __init__(self, text, family, tell_unreadable):
-        self.lines = 0
         self.boots = []
         self._name, self._family, self._tell_unreadable = text.name, family, tell_unreadable
         self._part = "file"  # or whether the section has the boot before
@@ -20,24 +19,16 @@ class Reader:
         self._has_uptime = True  # whether a number before a line is the kernel's uptime
         self._heading = None  # of the lines that follow it
         self._crash_time = prefixes.Time()  # of the tombstone
-        member = text.name.removeprefix(text.family)
-        self._start(Boot(text.name, bool(LAST.search(member)) if text.is_member else None))
+        member = text.name.removeprefix(f"{text.family}:")
+        is_last = None if member == text.name else bool(LAST.search(member))
+        self._start(Boot(text.name, is_last))
 
-    def read(self, block):
-        lines = block.splitlines()
-        if self._boot.is_in_stack() or self._heading or may_tell(block):
-            for number, line in enumerate(lines, self.lines + 1):
-                self._take(line, number)
-        self.lines += len(lines)
-
-    def _take(self, line, number):
+    def take(self, line, number):
         if self._has_uptime and (stamp := UPTIME.match(line)):
             self._check_uptime(int(stamp[1]))
-        if self._boot.is_in_stack() or self._heading or contents.MAY_TELL.search(line):
-            for part in inputs.parts_of(line):
-                self._take_part(part.decode("utf-8", "replace"), number)
-
-    def _take_part(self, line, number):
+        if not (self._boot.is_in_stack() or self._heading or contents.MAY_TELL.search(line)):
+            return
+        line = line.removesuffix("\n")
         if section := SECTION.match(line):
             self._start_section(section["title"])
         elif heading := prefixes.heading_of(line):
@@ -93,9 +84,3 @@ class Reader:
             self._start(Boot(source, self._part))
         self._has_uptime = bool(KERNEL_LOG.search(title))
         self._heading = None
-
-
-def may_tell(block):
-    """Whether it has lines that tell something, or that show the kernel's uptime."""
-    return block[:1] in b"[<" or b"\n[" in block or b"\n<" in block \
-        or any(mark in block for mark in contents.MARKS)
