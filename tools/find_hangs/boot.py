@@ -1,6 +1,5 @@
 """What the lines of one boot tell together: its hangs."""
 import itertools
-import typing
 
 from . import prefixes
 from .hang import ECHO, Hang, is_within
@@ -12,16 +11,6 @@ LINES_IN_STACK = 200  # of others, until all stacks count as ended
 NUMBERS = itertools.count()
 
 
-class Stack(typing.NamedTuple):
-    thread: str
-    time: prefixes.Time
-    frames: list
-
-    def add(self, frame):
-        if len(self.frames) < LONGEST_STACK:
-            self.frames.append(frame)
-
-
 class Boot:
     def __init__(self, source, is_last=None):
         self.is_last = is_last  # whether a bug report has it from the boot before; or unknown
@@ -29,7 +18,7 @@ class Boot:
         self._number = next(NUMBERS)
         self._processes = {}  # names by id
         self._latest = {}  # hangs by what tells them apart
-        self._stacks, self._open = {}, {}  # by thread, and by who is writing one
+        self._stacks, self.open_stacks = {}, {}  # by thread, and by who is writing one
         self._others = 0  # lines of others since the last of a stack
         self.start_log(source)
 
@@ -40,10 +29,7 @@ class Boot:
         self.has_begun = False  # whether the log tells of more than its begin
         self._told = None  # the hang told of last, until it is acted on
         self._standing = None  # the task told of in the line before
-        self._open.clear()
-
-    def is_in_stack(self):
-        return bool(self._open)
+        self.open_stacks.clear()
 
     def take(self, piece, kind, parts):
         """Takes what a piece tells."""
@@ -124,26 +110,28 @@ class Boot:
         hang.learn({"process": self._processes.get(hang.pid)})
         stack = self._stacks.get(hang.tid)
         # A dump of all blocked tasks comes at half the time-out of any of them.
-        if stack and hang.condition in ("D", "T") and is_within(stack.time, hang.last) \
-                and is_within(hang.since or hang.last, stack.time):
+        if stack and hang.condition in ("D", "T") and is_within(stack.dumped, hang.last) \
+                and is_within(hang.since or hang.last, stack.dumped):
             give(hang, stack)
 
     def _follow_stack(self, piece, kind, parts):
         self._others += 1
         if kind == "task":
-            stack = Stack(parts["thread"], piece.time, [])
-            self._open[piece.caller] = self._stacks[parts["tid"]] = stack
-            hang = self._latest.get(("D", "thread", parts["tid"]))
-            if hang and hang.reported and is_within(hang.last, stack.time, DUMP_AFTER_REPORT):
+            stack = self._hang(dumped=piece.time, stack=[], **parts)
+            self.open_stacks[piece.caller] = self._stacks[stack.tid] = stack
+            hang = self._latest.get(("D", "thread", stack.tid))
+            if hang and hang.reported and is_within(hang.last, stack.dumped, DUMP_AFTER_REPORT):
                 give(hang, stack)
-        elif kind == "frame" and piece.caller in self._open:
-            self._open[piece.caller].add(parts["frame"])
+        elif kind == "frame" and piece.caller in self.open_stacks:
+            stack = self.open_stacks[piece.caller].stack
+            if len(stack) < LONGEST_STACK:
+                stack.append(parts["frame"])
         elif kind != "inside":
-            self._open.pop(piece.caller, None)
+            self.open_stacks.pop(piece.caller, None)
         if kind in ("task", "frame"):
             self._others = 0
         elif self._others > LINES_IN_STACK:
-            self._open.clear()
+            self.open_stacks.clear()
 
 
 def keys(hang):
@@ -177,7 +165,7 @@ def is_echo(hang, new):
 def give(hang, stack):
     if hang.stack:
         return
-    hang.learn({"dumped": stack.time, "thread": stack.thread})
-    hang.stack = stack.frames  # those that follow included
-    if not stack.time.is_known():
+    hang.learn({"dumped": stack.dumped, "thread": stack.thread})
+    hang.stack = stack.stack  # and the frames that follow
+    if not stack.dumped.is_known():
         hang.likely = ["stack"]

@@ -54,10 +54,9 @@ class Family:
 
 
 class Collector:
-    """Reads texts; has all hangs when it is closed."""
+    """Reads texts; gives all hangs when it is closed."""
 
     def __init__(self):
-        self.hangs = []
         self.lines = self.unreadable = 0
         self.first_unreadable = ""
         self._families = collections.defaultdict(Family)
@@ -92,8 +91,7 @@ class Collector:
 
     def close(self):
         self._known.clear()
-        for family in self._families.values():
-            self.hangs += family.close()
+        return [hang for family in self._families.values() for hang in family.close()]
 
     def _add_unreadable(self, place):
         self.unreadable += 1

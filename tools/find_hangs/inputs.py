@@ -56,11 +56,8 @@ class Input:
         self._left = MOST_UNPACKED
 
     def texts(self):
-        if self._path == "-":
-            yield from self._unpack(partial(open, 0, "rb"), "(standard input)", "", 0)
-        else:
-            opener = partial(open, self._path, "rb")
-            yield from self._unpack(opener, self._path, os.path.dirname(self._path), 0)
+        file, name = (0, "(standard input)") if self._path == "-" else (self._path, self._path)
+        return self._unpack(partial(open, file, "rb"), name, os.path.dirname(self._path), 0)
 
     def _unpack(self, opener, name, family, depth):
         """The texts in a file that may be an archive, by its content."""

@@ -57,9 +57,9 @@ def row_of(hang):
 
 def json_lines(hangs):
     """A line for each hang, a JSON object; docs/hangs.md describes it."""
-    numbers = boot_numbers(hangs)
+    numbers = {}  # from 1 on for the boots that have hangs
     for hang in hangs:
-        yield json_of(hang, numbers[hang.boot])
+        yield json_of(hang, numbers.setdefault(hang.boot, len(numbers) + 1))
 
 
 def json_of(hang, boot):
@@ -77,12 +77,6 @@ def json_of(hang, boot):
         "since_text": text(hang.since), "dumped_text": text(hang.dumped),
         "reported_text": [text(time) for time in hang.reported], "report": hang.text or None,
         "act": hang.act or None, "stack": hang.stack, "likely": hang.likely})
-
-
-def boot_numbers(hangs):
-    """Numbers from 1 on for the boots that have hangs."""
-    boots = dict.fromkeys(hang.boot for hang in hangs)
-    return {boot: number for number, boot in enumerate(boots, 1)}
 
 
 def plot(hangs, path):

@@ -65,15 +65,14 @@ USER = r"(?:[^():]{,32}:)?\s*"
 TAGGED = [re.compile(form) for form in (
     # threadtime, also with the user
     rf"{STAMP}\s+(?:[\w.-]+\s+)?{PID}\s+\d+ {LEVEL} (?P<tag>.*?){PADDING}: ?(?P<text>.*)",
-    # time and brief
-    rf"(?:{STAMP} |{START}){LEVEL}/(?P<tag>.*?){PADDING}\({USER}{PID}\): ?(?P<text>.*)",
+    # time, brief and tag
+    rf"(?:{STAMP} |{START}){LEVEL}/(?P<tag>.*?){PADDING}(?:\({USER}{PID}\))?: ?(?P<text>.*)",
     # the log library on a host
     rf"(?:^|\s)(?P<tag>\w+) {LEVEL} {STAMP}\s+{PID}\s+\d+ (?P<text>.*)",
     # development environments, the older ones and the newer
     rf"{STAMP} +{PID}-\d+/\S+ {LEVEL}/(?P<tag>.*?){PADDING}: ?(?P<text>.*)",
     rf"{STAMP} +{PID}-\d+ +(?P<tag>\S.*?) {{1,30}}\S+ {{1,40}}{LEVEL}  (?P<text>.*)",
-    # tag, process and thread
-    rf"{START}{LEVEL}/(?P<tag>[^:]*?){PADDING}: (?P<text>.*)",
+    # process and thread
     rf"{START}{LEVEL}\({USER}{PID}\) (?P<text>.*) \((?P<tag>[^()]*)\)\s*$",
     rf"{START}{LEVEL}\({USER}{PID}:\s*\w+\) (?P<text>.*)",
     # syslog

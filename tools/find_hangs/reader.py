@@ -26,7 +26,7 @@ class Reader:
     def take(self, line, number):
         if self._has_uptime and (stamp := UPTIME.match(line)):
             self._check_uptime(int(stamp[1]))
-        if not (self._boot.is_in_stack() or self._heading or contents.MAY_TELL.search(line)):
+        if not (self._boot.open_stacks or self._heading or contents.MAY_TELL.search(line)):
             return
         line = line.removesuffix("\n")
         if section := SECTION.match(line):
