@@ -6,8 +6,7 @@ from .hang import ECHO, Hang, is_within
 
 DUMP_AFTER_REPORT = 10  # s; the policy "panic" asks for stacks once more
 ACT_AFTER_REPORT = 60  # s; the stacks of many tasks on a slow console
-LONGEST_STACK = 64
-LINES_IN_STACK = 200  # of others, until all stacks count as ended
+LINES_IN_STACKS = 400  # until all count as ended
 NUMBERS = itertools.count()
 
 
@@ -19,7 +18,7 @@ class Boot:
         self._processes = {}  # names by id
         self._latest = {}  # hangs by what tells them apart
         self._stacks, self.open_stacks = {}, {}  # by thread, and by who is writing one
-        self._others = 0  # lines of others since the last of a stack
+        self._lines_since_task = 0  # of the kernel, since a stack began
         self.start_log(source)
 
     def start_log(self, source):
@@ -39,11 +38,13 @@ class Boot:
         if kind == "stands":
             self._stand(piece.time, **parts)
         elif kind == "dumped":
-            self._dump(self._hang(dumped=piece.time, **parts))
+            self._tell(self._hang(dumped=piece.time, **parts))
         elif kind == "reported":
-            self._report(piece, **parts)
+            act = parts.pop("act", None)
+            self._tell(self._hang(reported=[piece.time], writer=piece.writer, **parts))
+            self._act(piece.time, act)
         elif kind == "acted":
-            self._act(piece.time, **parts)
+            self._act(piece.time, parts["act"])
         elif kind == "process":
             self._processes[parts["pid"]] = parts["process"]
 
@@ -51,57 +52,32 @@ class Boot:
         return Hang(self._number, self.is_last, self.source, **parts)
 
     def _stand(self, time, count, **parts):
-        self._standing = self._hang(counted_from=time.minus(count / 1000), **parts)
+        self._standing = self._hang(counted_from=time.minus((count or 0) / 1000), **parts)
 
-    def _dump(self, hang):
-        self._learn_standing(hang)
-        before = self._same(hang)
-        is_copy = before and hang.dumped.is_known() and before.dumped == hang.dumped
-        if not is_copy:
-            self._add(hang)
-
-    def _report(self, piece, act=None, **parts):
-        new = self._hang(reported=[piece.time], writer=piece.writer, **parts)
-        self._learn_standing(new)
-        if new.condition == "self stuck":
-            new.learn({"process": "tovrel", "tid": piece.pid, "pid": piece.pid})
-        hang = self._same(new)
-        if not hang or not continues(hang, new):
-            self._add(new)
-        elif is_echo(hang, new):
+    def _tell(self, new):
+        """Takes a task that is dumped or reported."""
+        standing, self._standing = self._standing, None
+        if standing and standing.condition and new.fits(standing):
+            new.learn_from(standing)
+            # The count starts over with the dump.
+            new.counted_from = new.dumped and standing.counted_from
+        latest = (self._latest.get(key) for key in keys(new))
+        hang = next((hang for hang in latest if hang and new.fits(hang)), None)
+        if hang and is_copy(hang, new):
             return
-        else:
+        if hang and new.reported and continues(hang, new):
             hang.learn_from(new)
-            hang.reported.append(piece.time)
-            hang.writer = piece.writer
-            self._complete(hang)
-        if act:
-            self._act(piece.time, act)
+            hang.reported += new.reported
+            hang.writer = new.writer
+        else:
+            hang = new
+            self.hangs.append(hang)
+        self._complete(hang)
 
     def _act(self, time, act):
         hang = self._told
-        if hang and hang.reported and is_within(hang.last, time, ACT_AFTER_REPORT):
+        if act and hang and hang.reported and is_within(hang.last, time, ACT_AFTER_REPORT):
             hang.act, self._told = act, None
-
-    def _learn_standing(self, hang):
-        """Gives a hang what the line before told of it."""
-        standing, self._standing = self._standing, None
-        if standing and hang.condition != "self stuck" and hang.fits(standing):
-            hang.learn_from(standing)
-            # The count starts over with the dump.
-            hang.counted_from = hang.dumped and standing.counted_from
-
-    def _same(self, new):
-        """The hang of the same task told of before, if any."""
-        for key in keys(new):
-            hang = self._latest.get(key)
-            if hang and new.fits(hang):
-                return hang
-        return None
-
-    def _add(self, hang):
-        self.hangs.append(hang)
-        self._complete(hang)
 
     def _complete(self, hang):
         """Gives what was told before of other things to a hang, now the one told of last."""
@@ -115,22 +91,19 @@ class Boot:
             give(hang, stack)
 
     def _follow_stack(self, piece, kind, parts):
-        self._others += 1
+        self._lines_since_task += 1
         if kind == "task":
+            self._lines_since_task = 0
             stack = self._hang(dumped=piece.time, stack=[], **parts)
             self.open_stacks[piece.caller] = self._stacks[stack.tid] = stack
             hang = self._latest.get(("D", "thread", stack.tid))
             if hang and hang.reported and is_within(hang.last, stack.dumped, DUMP_AFTER_REPORT):
                 give(hang, stack)
         elif kind == "frame" and piece.caller in self.open_stacks:
-            stack = self.open_stacks[piece.caller].stack
-            if len(stack) < LONGEST_STACK:
-                stack.append(parts["frame"])
+            self.open_stacks[piece.caller].stack.append(parts["frame"])
         elif kind != "inside":
             self.open_stacks.pop(piece.caller, None)
-        if kind in ("task", "frame"):
-            self._others = 0
-        elif self._others > LINES_IN_STACK:
+        if self._lines_since_task > LINES_IN_STACKS:
             self.open_stacks.clear()
 
 
@@ -153,8 +126,10 @@ def continues(hang, new):
     return is_within(hang.last, new.last, 10 * most if hang.dumped else most - 1)
 
 
-def is_echo(hang, new):
-    """Whether the hang has this report, from the other log or from a copy of this one."""
+def is_copy(hang, new):
+    """Whether the hang has this dump or report, from the other log or twice from one."""
+    if new.dumped:
+        return new.dumped.is_known() and new.dumped == hang.dumped
     if hang.text != new.text or not hang.reported:
         return False
     if hang.writer != new.writer:

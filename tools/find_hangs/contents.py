@@ -65,7 +65,10 @@ def read(piece):
     """What the piece tells, in its order: kinds and parts."""
     for kind, form in FORMS[piece.writer]:
         if match := form.match(piece.text):
-            return [(kind, parts_of(match))]
+            parts = parts_of(match)
+            if parts.get("condition") == "self stuck":
+                parts.update(process="tovrel", tid=piece.pid, pid=piece.pid)
+            return [(kind, parts)]
     if piece.writer != prefixes.DAEMON:
         for form, act in ACTS:
             if (act == "reboot" or piece.writer != prefixes.OTHER) and form.search(piece.text):
