@@ -65,10 +65,7 @@ def read(piece):
     """What the piece tells, in its order: kinds and parts."""
     for kind, form in FORMS[piece.writer]:
         if match := form.match(piece.text):
-            parts = parts_of(match)
-            if parts.get("condition") == "self stuck":
-                parts.update(process="tovrel", tid=piece.pid, pid=piece.pid)
-            return [(kind, parts)]
+            return [(kind, parts_of(match, piece.pid))]
     if piece.writer != prefixes.DAEMON:
         for form, act in ACTS:
             if (act == "reboot" or piece.writer != prefixes.OTHER) and form.search(piece.text):
@@ -76,7 +73,7 @@ def read(piece):
     if piece.writer in (prefixes.OTHER, prefixes.CRASH_DUMP):
         return []
     reports = list(REPORT.finditer(piece.text))
-    told = [("reported", {"text": report[0], **parts_of(report)}) for report in reports]
+    told = [("reported", {"text": report[0], **parts_of(report, piece.pid)}) for report in reports]
     # A line cut within its second report still tells the first.
     is_cut = len(LIKE_REPORT.findall(piece.text)) > len(reports)
     if is_cut and " to kmsg failed" not in piece.text:
@@ -84,14 +81,15 @@ def read(piece):
     return told
 
 
-def parts_of(match):
-    """What the form's groups have, as a Hang has it."""
+def parts_of(match, writer):
+    """What the form's groups have, as a Hang has it; the writer is a process."""
     parts = {name: text for name, text in match.groupdict().items() if text}
     for name in {"tid", "pid", "ppid", "timeout", "count"} & parts.keys():
         parts[name] = int(parts[name]) if parts[name] != UNKNOWN_ID else None
     state = parts.pop("state", "").removeprefix("unswitch ")
     if parts.pop("stuck", None):
         condition = "self stuck"
+        parts.update(process="tovrel", tid=writer, pid=writer)
     elif parts.pop("missing", None):
         condition = "missing"
     elif parts.get("wchan") and state in ("", "S"):
