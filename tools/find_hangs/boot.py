@@ -57,7 +57,7 @@ class Boot:
     def _tell(self, new):
         """Takes a task that is dumped or reported."""
         standing, self._standing = self._standing, None
-        if standing and standing.condition and new.fits(standing):
+        if standing and new.condition != "self stuck" and new.fits(standing):
             new.learn_from(standing)
             # The count starts over with the dump.
             new.counted_from = new.dumped and standing.counted_from

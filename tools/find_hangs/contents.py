@@ -50,8 +50,8 @@ ACTS = [(re.compile("Trigger a crash|sysrq triggered crash"), "crash"),
         (re.compile(r"Restarting system with command 'tovrel'|sys\.powerctl='?reboot,tovrel|"
                     r"^reboot not done: .*reason=tovrel"), "reboot")]
 CRASH = [(kind, re.compile(form)) for kind, form in (
-    ("now", "== dumpstate: (?P<date>.*)"),
-    ("crash date", "Timestamp: (?P<date>.*)"),
+    ("now", r"== dumpstate: (?P<date>\d{4}-\d\d-\d\d \d\d:\d\d\S*)"),
+    ("crash date", r"Timestamp: (?P<date>\d{4}-\d\d-\d\d \d\d:\d\d\S*)"),
     ("crash", rf"pid: (?P<pid>{ID}), tid: (?P<tid>{ID}), name: (?P<thread>\S.*?)\s+"
               r">>> (?:\S*/)?(?P<process>\S.*?) <<<"))]
 

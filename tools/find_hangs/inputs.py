@@ -87,7 +87,8 @@ class Input:
         number, rest = 1, ""
         try:
             while data := stream.read1(CHUNK):
-                *parts, rest = PART.findall(rest + decoder.decode(data).replace("\0", "")) or [""]
+                text = rest + decoder.decode(data).replace("\0", "")
+                *parts, rest = PART.findall(text) or [""]
                 for part in parts:
                     yield number, part
                     number += part.endswith("\n")
@@ -127,3 +128,5 @@ def tar_members(stream, name):
             archive.members = []  # which would grow with the archive
             if info.isreg():
                 yield partial(archive.extractfile, info), f"{name}:{info.name}", name
+    while stream.read(CHUNK):
+        pass  # its end tells whether it is whole
