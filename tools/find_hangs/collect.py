@@ -65,11 +65,10 @@ class Collector:
     def read(self, text):
         family, digest = self._families[text.family], hashlib.sha1()
         reader = Reader(text, family, self._add_unreadable)
-        number = 0
-        for number, line in text.lines:
-            digest.update(line.encode())
-            reader.take(line, number)
-        self.lines += number
+        for block in text.blocks:
+            digest.update(block.encode())
+            reader.read(block)
+        self.lines += reader.lines
         if digest.digest() not in self._digests:
             self._digests.add(digest.digest())
             hangs = [hang for boot in reader.boots for hang in boot.hangs]

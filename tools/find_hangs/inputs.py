@@ -1,4 +1,4 @@
-"""The texts in files and archives, as lines, in bounded memory."""
+"""The texts in files and archives, as blocks of lines, in bounded memory."""
 import bz2
 import codecs
 import gzip
@@ -17,8 +17,8 @@ from functools import partial
 
 DEEPEST = 4  # archives within archives
 CHUNK = 256 * 1024  # bytes read at once
-# A line or, of one longer than this, a part that does not end within a report.
-PART = re.compile(r"[^\n]{1,3072}(?:[^\n]{0,1022}\ds)?\n?|\n")
+LONGEST_REPORT = 1024
+UP_TO_REPORT = re.compile(r"(.*\ds)?", re.S)  # to the last one that may end there
 # An input may unpack to this and so many times its size; what is more is not read.
 MOST_UNPACKED, MOST_RATIO = 2 << 30, 100
 UNREADABLE = (OSError, EOFError, ValueError, ArithmeticError, RuntimeError, struct.error,
@@ -29,7 +29,7 @@ UNPACKERS = {b"\x1f\x8b": gzip.open, b"BZh": bz2.open, b"\xfd7zXZ\0": lzma.open}
 class Text(typing.NamedTuple):
     name: str  # of the file, and behind a colon of each member
     family: str  # the archive, or the directory, whose texts are of one device
-    lines: typing.Iterator  # with their numbers
+    blocks: typing.Iterator
 
 
 class Counted(io.RawIOBase):
@@ -66,7 +66,7 @@ class Input:
             stream = io.BufferedReader(file, CHUNK)
             members = members_of(stream, name, family)
             if members is None:
-                yield Text(name, family, self._lines(stream, name))
+                yield Text(name, family, self._blocks(stream, name))
             elif depth == DEEPEST:
                 raise ValueError("archives are too deep in each other")
             else:
@@ -80,22 +80,24 @@ class Input:
         if self._left < 0:
             raise ValueError("unpacks to too much; the rest is not read")
 
-    def _lines(self, stream, name):
+    def _blocks(self, stream, name):
+        """Blocks of whole lines without NULs. A longer one is cut, but never within a report."""
         is_utf16 = stream.peek().startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE))
         decoder = codecs.getincrementaldecoder("utf-16" if is_utf16 else "utf-8-sig")("replace")
         decoder = io.IncrementalNewlineDecoder(decoder, translate=True)
-        number, rest = 1, ""
+        rest = ""
         try:
             while data := stream.read1(CHUNK):
                 text = rest + decoder.decode(data).replace("\0", "")
-                *parts, rest = PART.findall(text) or [""]
-                for part in parts:
-                    yield number, part
-                    number += part.endswith("\n")
+                end = text.rfind("\n") + 1
+                if not end and len(text) > CHUNK:
+                    end = UP_TO_REPORT.match(text, len(text) - LONGEST_REPORT).end()
+                yield text[:end]
+                rest = text[end:]
         except UNREADABLE as fault:
             self._report(name, fault)
         if rest:
-            yield number, rest
+            yield rest + "\n"
 
 
 def members_of(stream, name, family):

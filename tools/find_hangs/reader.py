@@ -7,12 +7,15 @@ from .boot import Boot
 SECTION = re.compile(r"------ (?P<title>\S.*?)(?: \(.*\))? ------")
 LAST = re.compile("(?<![a-z])last|ramoops|pmsg", re.I)  # what a bug report has of the boot before
 KERNEL_LOG = re.compile("kernel|kmsg|dmesg|ramoops|pstore", re.I)
-UPTIME = re.compile(r"(?:<\d+>)?\[ *(\d{1,9})\.\d")
+UPTIME = re.compile(r"^(?:<\d+>)?\[ *(\d{1,9})\.\d", re.M)
+# A line or, of a longer one, a part that does not end within a report.
+PART = re.compile(r"[^\n]{1,3072}(?:[^\n]{0,1022}\ds)?\n?|\n")
 
 
 class Reader:
     def __init__(self, text, family, tell_unreadable):
         self.boots = []
+        self.lines = 0
         self._name, self._family, self._tell_unreadable = text.name, family, tell_unreadable
         self._part = "file"  # or whether the section has the boot before
         self._boot_of = {}  # by part
@@ -23,12 +26,21 @@ class Reader:
         is_last = None if member == text.name else bool(LAST.search(member))
         self._start(Boot(text.name, is_last))
 
-    def take(self, line, number):
+    def read(self, block):
+        number = self.lines + 1
+        self.lines += block.count("\n")
+        # Most blocks tell nothing.
+        if self._boot.open_stacks or self._heading or contents.MAY_TELL.search(block) \
+                or self._has_uptime and UPTIME.search(block):
+            for part in PART.findall(block):
+                self._take(part.removesuffix("\n"), number)
+                number += part.endswith("\n")
+
+    def _take(self, line, number):
         if self._has_uptime and (stamp := UPTIME.match(line)):
             self._check_uptime(int(stamp[1]))
         if not (self._boot.open_stacks or self._heading or contents.MAY_TELL.search(line)):
             return
-        line = line.removesuffix("\n")
         if section := SECTION.match(line):
             self._start_section(section["title"])
         elif heading := prefixes.heading_of(line):
