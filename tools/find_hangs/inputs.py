@@ -19,7 +19,7 @@ DEEPEST = 4  # archives within archives
 CHUNK = 256 * 1024  # bytes read at once
 LONGEST_REPORT = 1024
 UP_TO_REPORT = re.compile(r"(.*\ds)?", re.S)  # to the last one that may end there
-# An input may unpack to this and so many times its size; what is more is not read.
+# An input may unpack to this, or to so many times its size; what is more is not read.
 MOST_UNPACKED, MOST_RATIO = 2 << 30, 100
 UNREADABLE = (OSError, EOFError, ValueError, ArithmeticError, RuntimeError, struct.error,
               zipfile.BadZipFile, tarfile.TarError, lzma.LZMAError, zlib.error)
@@ -53,7 +53,7 @@ class Input:
 
     def __init__(self, path, report):
         self._path, self._report = path, report
-        self._left = MOST_UNPACKED
+        self._read = self._unpacked = 0  # bytes
 
     def texts(self):
         file, name = (0, "(standard input)") if self._path == "-" else (self._path, self._path)
@@ -76,8 +76,11 @@ class Input:
             self._report(name, fault)
 
     def _count(self, depth, size):
-        self._left += -size if depth else MOST_RATIO * size
-        if self._left < 0:
+        if depth:
+            self._unpacked += size
+        else:
+            self._read += size
+        if self._unpacked > max(MOST_UNPACKED, MOST_RATIO * self._read):
             raise ValueError("unpacks to too much; the rest is not read")
 
     def _blocks(self, stream, name):
