@@ -7,8 +7,8 @@ UNKNOWN_ID = str(2 ** 32 - 1)  # how the daemon prints an id that it does not ha
 
 # Every telling line has one of these: the fast way past the others.
 MAY_TELL = re.compile(
-    r"ppid:|tid:|task:|tid=|state=|dumped|killing |nothing to do|pid changed to |bw |Self stuck| 0x|"
-    r"Trigger a|sysrq triggered|tovrel'|=tovrel|>>> |Timestamp: |== dumpstate|Linux version|"
+    r"ppid:|tid:|task:|tid=|state=|dumped|killing |nothing to do|pid changed to |bw |Self stuck|"
+    r" 0x|Trigger a|sysrq triggered|tovrel'|=tovrel|>>> |Timestamp: |== dumpstate|Linux version|"
     r"Booting Linux|------ | Part| \]")
 
 ID = r"\d{1,10}"

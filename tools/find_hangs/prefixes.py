@@ -151,10 +151,11 @@ def time_of(match):
         return Time()
     name, year = parts["name"], parts["year"] or parts["named_year"]
     month = MONTHS.index(name) + 1 if name else int(parts["month"])
-    clock, second = DATE if year else DAY, parts["second"].replace(",", ".")
+    day, second = parts["day"] or parts["named_day"], parts["second"].replace(",", ".")
+    clock = DATE if year else DAY
     try:
-        minute = datetime.datetime(int(year or 2000), month, int(parts["day"] or parts["named_day"]),
-                                   int(parts["hour"]), int(parts["minute"]))
+        minute = datetime.datetime(int(year or 2000), month, int(day), int(parts["hour"]),
+                                   int(parts["minute"]))
     except ValueError:
         return Time()
     return Time(clock, (minute - EPOCHS[clock]).total_seconds() + float(second or 0))
