@@ -140,9 +140,18 @@ class FindHangs(unittest.TestCase):
         self.assertEqual(found, [("storaged", ["11-21 13:45:20"])])
 
     def test_task_that_moved_between(self):
-        reports = "".join(f"[  {uptime}.0] {REPORT}\n" for uptime in (100, 160, 900))
+        reports = "".join(f"[  {uptime}.0] {REPORT}\n" for uptime in (100, 101, 160, 900))
         found = self.find("reported", log=reports)
-        self.assertEqual(found, [([100, 160],), ([900],)])
+        self.assertEqual(found, [([100, 101, 160],), ([900],)])
+
+    def test_same_thread_missing_twice(self):
+        one, = MISSING
+        log = f"{one}\n{one.replace('1204', '1205')}\n"
+        self.assertEqual(self.find("pid", log=log), [(1204,), (1205,)])
+
+    def test_process_that_is_found(self):
+        log = f"I/tovrel(1): process storaged pid changed to 1200.\nI/tovrel(1): {REPORT}\n"
+        self.assertEqual(self.find("process", log=log), [("storaged",)])
 
     def test_inputs(self):
         deep = packed(b=packed(c=packed(d=gzip.compress(KERNEL.encode()))))
@@ -155,9 +164,11 @@ class FindHangs(unittest.TestCase):
 
     def test_broken_beside_good(self):
         broken = packed(a=KERNEL)[:-30]
-        result = self.run_with(broken=broken, good=KERNEL, deep=packed(a=packed(b=broken)))
-        self.assertEqual((result.returncode, result.stderr.count("find-hangs: ")), (2, 2))
-        self.assertIn("1 hang in 1 boot", result.stdout)
+        short = gzip.compress(LAST_BOOT.encode())[:-9]
+        result = self.run_with(broken=broken, deep=packed(a=packed(b=broken)), short=short,
+                               good=KERNEL)
+        self.assertEqual((result.returncode, result.stderr.count("find-hangs: ")), (2, 3))
+        self.assertIn("2 hangs in 2 boots", result.stdout)
 
     def test_cut_report_is_counted(self):
         result = self.run_with(log=KERNEL[:-3] + "\n" + KERNEL[:-3])

@@ -3,19 +3,18 @@ import collections
 import hashlib
 
 from . import prefixes
-from .hang import LATER, is_within, split_wchan
+from .hang import is_within
 from .reader import Reader
 
 CRASH_AFTER_REPORT = 600  # s; a blocked process leaves its dump when it can run again
 DAY = 86400  # s; what logs of one boot lie apart at most
-NAMES = "thread", "process"
 
 
 class Family:
     """The texts of one archive or directory, taken for those of one device."""
 
     def __init__(self):
-        self.boots = []
+        self.hangs = []
         self._crashes = collections.defaultdict(list)  # times and names, by process and thread
         self._dates = {}  # the first and the last, by clock
 
@@ -23,94 +22,75 @@ class Family:
         first, last = self._dates.get(time.clock, (time, time))
         self._dates[time.clock] = min(first, time), max(last, time)
 
-    def add_crash(self, log_time, file_time, told):
+    def add_crash(self, time, parts):
         """A thread that a tombstone names."""
-        time = log_time if log_time.is_known() else file_time
-        self._crashes[told.pid, told.tid].append((time, told))
+        self._crashes[parts["pid"], parts["tid"]].append((time, parts))
 
     def close(self):
         """The hangs, completed by all that the family tells."""
-        timeouts = {hang.timeout for boot in self.boots for hang in boot.hangs if hang.timeout}
-        for boot in self.boots:
-            for hang in boot.hangs:
-                if hang.condition == "wchan" and hang.text and not hang.timeout:
-                    split_wchan(hang, timeouts)
-        dropped = join([hang for boot in self.boots for hang in boot.hangs])
-        for boot in self.boots:
-            boot.hangs = [hang for hang in boot.hangs if id(hang) not in dropped]
-            for hang in boot.hangs:
-                self._name(hang)
-                yield hang
-            boot.forget()
+        timeouts = {hang.timeout for hang in self.hangs}
+        for hang in self.hangs:
+            hang.split_wchan(hang.wchan.removesuffix(str(hang.likely_timeout(timeouts))))
+        hangs = join(self.hangs, lambda hang: (hang.boot, *identity(hang)), True)
+        hangs = join(hangs, identity, False)
+        for hang in hangs:
+            self._name(hang)
+        return hangs
 
     def _name(self, hang):
-        for time, told in reversed(self._crashes.get((hang.pid, hang.tid or hang.pid), [])):
-            is_sure = self._is_of(hang, time)
-            if is_sure is not False:
-                learn(hang, {"thread": hang.tid and told.thread, "process": told.process}, is_sure)
-
-    def _is_of(self, hang, crash):
-        """Whether the crash dump is of this hang; None if it only may be."""
-        if hang.time.clock == prefixes.DAY and crash.clock == prefixes.DATE:
-            crash = crash.without_year()
-        if crash.is_known() and hang.time.clock == crash.clock:
-            return is_within(hang.since or hang.time, crash, LATER) \
-                and is_within(crash.minus(CRASH_AFTER_REPORT), hang.last, LATER)
-        first, last = self._dates.get(crash.clock, (crash, crash))
-        if not first.seconds - DAY <= crash.seconds <= last.seconds + DAY:
-            return False
-        return None
+        """Gives the names that a crash dump of this hang has, or one that may be of it."""
+        for time, parts in reversed(self._crashes.get((hang.pid, hang.tid or hang.pid), [])):
+            if hang.time.clock == prefixes.DAY and time.clock == prefixes.DATE:
+                time = time.without_year()
+            is_sure = time.is_known() and time.clock == hang.time.clock
+            if is_sure:
+                first, last, most = hang.since or hang.time, hang.last, CRASH_AFTER_REPORT
+            else:
+                first, last = self._dates.get(time.clock, (time, time))
+                first, most = first.minus(DAY), DAY
+            if is_within(first, time) and is_within(time.minus(most), last):
+                names = {"thread": hang.tid and parts["thread"], "process": parts["process"]}
+                hang.learn(names, is_sure)
 
 
 class Collector:
-    """Reads texts; has all hangs when it is closed."""
+    """Reads texts; gives all hangs when it is closed."""
 
     def __init__(self):
-        self.hangs = []
         self.lines = self.unreadable = 0
         self.first_unreadable = ""
         self._families = collections.defaultdict(Family)
-        self._archives = []  # the families that are archives, each within the one before
         self._digests, self._known = set(), {}  # of texts, and hangs by their moments
 
     def read(self, text):
-        while self._archives and not f"{text.family}:".startswith(f"{self._archives[-1]}:"):
-            self._close(self._archives.pop())
-        if text.is_member and text.family not in self._archives:
-            self._archives.append(text.family)
         family, digest = self._families[text.family], hashlib.sha1()
         reader = Reader(text, family, self._add_unreadable)
         for block in text.blocks:
-            digest.update(block)
+            digest.update(block.encode())
             reader.read(block)
         self.lines += reader.lines
         if digest.digest() not in self._digests:
             self._digests.add(digest.digest())
-            family.boots += reader.boots
-            self._drop_copies(reader.boots)
+            hangs = [hang for boot in reader.boots for hang in boot.hangs]
+            del reader  # and what only the boots need
+            family.hangs += self._new_ones(hangs)
 
-    def _drop_copies(self, boots):
-        """Drops what other texts have told, and keeps what only these tell of it."""
-        for boot in boots:
-            kept = []
-            for hang in boot.hangs:
-                same = next((self._known[moment] for moment in moments(hang)
-                             if moment in self._known), None)
-                if same:
-                    complete(same, hang)
-                else:
-                    kept.append(hang)
-            boot.hangs = kept
-        for boot in boots:
-            for hang in boot.hangs:
-                self._known.update((moment, hang) for moment in moments(hang))
+    def _new_ones(self, hangs):
+        """The hangs of which no other text tells; the others complete those that it told of."""
+        news = []
+        for hang in hangs:
+            copies = [self._known[moment] for moment in moments(hang) if moment in self._known]
+            if copies:
+                complete(copies[0], hang)
+            else:
+                news.append(hang)
+        for hang in news:
+            self._known.update((moment, hang) for moment in moments(hang))
+        return news
 
     def close(self):
-        for name in list(self._families):
-            self._close(name)
-
-    def _close(self, name):
-        self.hangs += self._families.pop(name).close()
+        self._known.clear()
+        return [hang for family in self._families.values() for hang in family.close()]
 
     def _add_unreadable(self, place):
         self.unreadable += 1
@@ -121,7 +101,7 @@ def moments(hang):
     """What no other hang has: when the task was dumped and reported."""
     for time in (hang.dumped, *hang.reported):
         if time and time.is_known():
-            yield identity(hang), time
+            yield *identity(hang), time
 
 
 def identity(hang):
@@ -131,56 +111,35 @@ def identity(hang):
     return hang.condition, hang.pid, hang.thread if hang.condition == "missing" else None
 
 
-def join(hangs):
-    """Makes one of the hangs that the kernel's and the Android log of a boot tell of. Returns the
-    ids of those that are dropped.
+def join(hangs, key, is_sure):
+    """The hangs, one for two with the same key in the kernel's and the Android log of a boot. The
+    last ones are in both logs.
     """
     groups, dropped = collections.defaultdict(list), set()
     for hang in hangs:
-        groups[identity(hang)].append(hang)
-    for group in groups.values():
-        boots = collections.defaultdict(list)
-        for hang in group:
-            boots[id(hang.boot)].append(hang)
-        for of_boot in boots.values():
-            dropped |= join_clocks(of_boot, True)
-        dropped |= join_clocks([hang for hang in group if id(hang) not in dropped], False)
-    return dropped
-
-
-def join_clocks(hangs, is_sure):
-    """Joins hangs of the kernel's clock with those of the other; the last are in both logs."""
-    by_clock = [[], []]
-    for hang in hangs:
         if hang.time.is_known():
-            by_clock[hang.time.clock == prefixes.UPTIME].append(hang)
-    boots = [{id(hang.boot) for hang in part} for part in by_clock]
-    # Of several boots' logs none is known to belong to another one's.
-    if not is_sure and (list(map(len, boots)) != [1, 1] or boots[0] == boots[1]):
-        return set()
-    dropped = set()
-    for dated, kernel in zip(*map(reversed, by_clock)):
-        lasts = {dated.boot.is_last, kernel.boot.is_last}
-        if {True, False} <= lasts or dated.text and kernel.text and dated.text != kernel.text:
+            groups[key(hang)].append(hang)
+    for group in groups.values():
+        kernel = [hang for hang in group if hang.time.clock == prefixes.UPTIME]
+        dated = [hang for hang in group if hang.time.clock != prefixes.UPTIME]
+        boots = [{hang.boot for hang in logs} for logs in (dated, kernel)]
+        # Of several boots' logs none is known to belong to another one's.
+        if not is_sure and (boots[0] == boots[1] or max(map(len, boots)) > 1):
             continue
-        kept, gone = (dated, kernel) if dated.reported or not kernel.reported else (kernel, dated)
-        complete(kept, gone, is_sure)
-        dropped.add(id(gone))
-    return dropped
+        for one, other in zip(reversed(dated), reversed(kernel)):
+            if {one.is_last, other.is_last} >= {True, False} \
+                    or one.text and other.text and one.text != other.text:
+                continue
+            if other.reported and not one.reported:
+                one, other = other, one
+            complete(one, other, is_sure)
+            dropped.add(id(other))
+    return [hang for hang in hangs if id(hang) not in dropped]
 
 
 def complete(hang, other, is_sure=True):
-    """Gives it what another log tells of it."""
-    parts = {name: getattr(other, name) for name in (
-        "tid", "ppid", *NAMES, "wchan", "timeout", "text", "act", "stack")}
-    learn(hang, parts, is_sure)
+    """Gives a hang what another log tells of it."""
+    hang.learn_from(other, is_sure)
     if hang.time.clock == other.time.clock:
-        hang.learn(since=other.since, dumped=other.dumped)
+        hang.learn({"counted_from": other.counted_from, "dumped": other.dumped})
         hang.reported = sorted({*hang.reported, *other.reported})
-
-
-def learn(hang, parts, is_sure):
-    news = [name for name, value in parts.items() if value and not getattr(hang, name)]
-    hang.learn(**parts)
-    if not is_sure:
-        hang.likely = [*hang.likely, *news]

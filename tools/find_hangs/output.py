@@ -2,7 +2,6 @@
 import collections
 import json
 
-
 TITLES = ("WHEN", "TASK", "TID", "PID", "PPID", "SINCE", "DUMPED", "REPORTED", "CONDITION", "FILE")
 MOST_BOOTS, MOST_DRAWN = 20, 200  # boots, and hangs of each; a picture of more cannot be read
 LONGEST_NAME = 64
@@ -24,12 +23,13 @@ def printable(text):
                    char.encode("unicode_escape", "surrogatepass").decode() for char in text)
 
 
-def table_of(hangs):
+def table(hangs):
     """Lines of a table, with the stack below each hang."""
     widths = [len(title) for title in TITLES]
     for hang in hangs:
         widths = [max(size, len(text)) for size, text in zip(widths, row_of(hang))]
-    yield line_of(TITLES, widths)
+    if hangs:
+        yield line_of(TITLES, widths)
     for hang in hangs:
         yield line_of(row_of(hang), widths)
         for frame in hang.stack:
@@ -55,8 +55,14 @@ def row_of(hang):
     return tuple(map(printable, parts))
 
 
+def json_lines(hangs):
+    """A line for each hang, a JSON object; docs/hangs.md describes it."""
+    numbers = {}  # from 1 on for the boots that have hangs
+    for hang in hangs:
+        yield json_of(hang, numbers.setdefault(hang.boot, len(numbers) + 1))
+
+
 def json_of(hang, boot):
-    """The hang as one line, a JSON object; docs/hangs.md describes it."""
     def seconds(time):
         return round(time.seconds, 6) if time and time.is_known() else None
     def text(time):
@@ -73,12 +79,6 @@ def json_of(hang, boot):
         "act": hang.act or None, "stack": hang.stack, "likely": hang.likely})
 
 
-def numbers_of_boots(hangs):
-    """A number for each boot, from 1 on, by its identity."""
-    boots = dict.fromkeys(id(hang.boot) for hang in hangs)
-    return {boot: number for number, boot in enumerate(boots, 1)}
-
-
 def plot(hangs, path):
     """Draws a bar for each hang, on an axis for each boot. Returns how many hangs are drawn;
     without any there is no picture.
@@ -86,34 +86,33 @@ def plot(hangs, path):
     from matplotlib import pyplot
     pyplot.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tovrel",
                             "text.parse_math": False, "axes.formatter.useoffset": False})
-    boots = collections.defaultdict(list)
+    groups = collections.defaultdict(list)
     for hang in hangs:
         if hang.time.is_known():
-            boots[id(hang.boot), hang.time.clock].append(hang)
-    boots = {key: boot[:MOST_DRAWN] for key, boot in list(boots.items())[:MOST_BOOTS]}
+            groups[hang.boot, hang.time.clock].append(hang)
+    boots = [boot[:MOST_DRAWN] for boot in list(groups.values())[:MOST_BOOTS]]
     if not boots:
         return 0
-    heights = [len(boot) + 2.5 for boot in boots.values()]
+    heights = [len(boot) + 2.5 for boot in boots]
     figure, rows = pyplot.subplots(
-        len(heights), squeeze=False, layout="constrained",
+        len(boots), squeeze=False, layout="constrained",
         figsize=(WIDTH, ROW_HEIGHT * sum(heights)), gridspec_kw={"height_ratios": heights})
-    for axes, boot in zip(rows[:, 0], boots.values()):
+    for axes, boot in zip(rows[:, 0], boots):
         draw_boot(axes, boot)
     figure.savefig(path, format="svg", metadata={"Date": None})
-    return sum(map(len, boots.values()))
+    return sum(map(len, boots))
 
 
 def draw_boot(axes, hangs):
     starts = [hang.since or hang.dumped or hang.time for hang in hangs]
     first = min(starts, key=lambda time: time.seconds)
     for height, (hang, start) in enumerate(zip(hangs, starts)):
-        bar = [time.seconds - first.seconds for time in (start, hang.last)]
-        axes.hlines(height, *bar, colors="0.8", linewidth=6)
-    for mark, times_of in (("bo", lambda hang: [hang.dumped]), ("rX", lambda hang: hang.reported)):
-        points = [(time.seconds - first.seconds, height) for height, hang in enumerate(hangs)
-                  for time in times_of(hang) if time and time.clock == first.clock]
-        if points:
-            axes.plot(*zip(*points), mark)
+        begin, end, dumped, *reported = (
+            time.seconds - first.seconds if time and time.clock == first.clock else None
+            for time in (start, hang.last, hang.dumped, *hang.reported))
+        axes.hlines(height, begin, end, colors="0.8", linewidth=6)
+        axes.plot([dumped], [height], "bo")
+        axes.plot(reported, [height] * len(reported), "rX")
     names = [printable(f"{task_of(hang) or hang.pid} {condition_of(hang)}") for hang in hangs]
     names = [name if len(name) <= LONGEST_NAME else name[:LONGEST_NAME] + "..." for name in names]
     axes.set_yticks(range(len(hangs)), names)

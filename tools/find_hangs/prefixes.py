@@ -30,11 +30,10 @@ class Time(typing.NamedTuple):
     def __str__(self):
         if self.clock == UPTIME:
             return f"{self.seconds:.1f}"
-        try:
-            date = EPOCHS[self.clock] + datetime.timedelta(seconds=self.seconds)
-            return date.strftime(FORMATS[self.clock])
-        except (KeyError, OverflowError, ValueError):
+        if not self.is_known():
             return "?"
+        date = EPOCHS[self.clock] + datetime.timedelta(seconds=self.seconds)
+        return date.strftime(FORMATS[self.clock])
 
 
 class Piece(typing.NamedTuple):
@@ -47,16 +46,14 @@ class Piece(typing.NamedTuple):
 
 
 MONTHS = "Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec".split()
-CLOCK_FACE = r"(?P<hour>\d\d):(?P<minute>\d\d)(?::(?P<second>\d\d(?:[.,]\d{1,9})?))?"
-NUMERIC_DATE = (r"(?:(?P<year>\d{4})-)?(?P<month>\d\d)-(?P<day>\d\d)[ T]" + CLOCK_FACE +
-                r"(?:Z| ?[+-]\d\d:?\d\d)?")
+# "2026-11-21 13:44:20.5 +0100", "11-21 13:44:20", "2026-11-21T13:44:20,5Z"; and
 # "Nov 21 13:44:20", "Nov21 13:44", "Sat Nov 21 13:44:20.5 2026"
-NAMED_DATE = (rf"(?:[A-Z][a-z]{{2}} )?(?P<month>{'|'.join(MONTHS)}) {{0,2}}(?P<day>\d\d?) "
-              + CLOCK_FACE + r"(?: (?P<year>\d{4}))?")
-# The same for a form that has another date.
-ISO_DATE = NUMERIC_DATE.replace("?P<", "?P<iso_")
+DATE_FORM = (r"(?:(?:(?P<year>[12]\d{3})-)?(?P<month>\d\d)-(?P<day>\d\d)[ T]|(?:[A-Z][a-z]{2} )?"
+             rf"(?P<name>{'|'.join(MONTHS)}) {{0,2}}(?P<named_day>\d\d?) )"
+             r"(?P<hour>\d\d):(?P<minute>\d\d)(?::(?P<second>\d\d(?:[.,]\d{1,9})?))?"
+             r"(?(name)(?: (?P<named_year>[12]\d{3}))?|(?:Z| ?[+-]\d\d:?\d\d)?)")
 SECONDS = r"(?P<seconds>\d{1,10}\.\d{1,9})"
-STAMP = rf"(?:(?<!\d){NUMERIC_DATE}|(?<![\d.]){SECONDS})"
+STAMP = rf"(?:(?<!\d){DATE_FORM}|(?<![\d.]){SECONDS})"
 # Before a line: quoting, and the file and number that grep adds.
 START = r"^\s*(?:> ?)*(?:[^\s:]*:)?(?:\d+:)?"
 LEVEL = r"[VDIWEFAS]"
@@ -64,34 +61,33 @@ PID = r"(?P<pid>\d{1,10})"
 PADDING = " {0,30}"
 USER = r"(?:[^():]{,32}:)?\s*"
 
-# The Android log; the first form that fits counts.
-ANDROID = [re.compile(form) for form in (
+# Lines with a tag; the first form that fits counts.
+TAGGED = [re.compile(form) for form in (
     # threadtime, also with the user
     rf"{STAMP}\s+(?:[\w.-]+\s+)?{PID}\s+\d+ {LEVEL} (?P<tag>.*?){PADDING}: ?(?P<text>.*)",
-    # time and brief
-    rf"(?:{STAMP} |{START}){LEVEL}/(?P<tag>.*?){PADDING}\({USER}{PID}\): ?(?P<text>.*)",
+    # time, brief and tag
+    rf"(?:{STAMP} |{START}){LEVEL}/(?P<tag>.*?){PADDING}(?:\({USER}{PID}\))?: ?(?P<text>.*)",
     # the log library on a host
     rf"(?:^|\s)(?P<tag>\w+) {LEVEL} {STAMP}\s+{PID}\s+\d+ (?P<text>.*)",
     # development environments, the older ones and the newer
     rf"{STAMP} +{PID}-\d+/\S+ {LEVEL}/(?P<tag>.*?){PADDING}: ?(?P<text>.*)",
     rf"{STAMP} +{PID}-\d+ +(?P<tag>\S.*?) {{1,30}}\S+ {{1,40}}{LEVEL}  (?P<text>.*)",
-    # tag, process and thread
-    rf"{START}{LEVEL}/(?P<tag>[^:]*?){PADDING}: (?P<text>.*)",
+    # process and thread
     rf"{START}{LEVEL}\({USER}{PID}\) (?P<text>.*) \((?P<tag>[^()]*)\)\s*$",
-    rf"{START}{LEVEL}\({USER}{PID}:\s*\w+\) (?P<text>.*)")]
+    rf"{START}{LEVEL}\({USER}{PID}:\s*\w+\) (?P<text>.*)",
+    # syslog
+    rf"{START}{DATE_FORM} [\w.-]+ (?!kernel:)(?P<tag>[\w./-]+)(?:\[\d+\])?: (?P<text>.*)")]
 # The line before the text, by "long".
-HEADING = re.compile(rf"\[ {STAMP}\s+{USER}{PID}:\s*\w+ {LEVEL}/(?P<tag>.*?){PADDING}\]$")
+HEADING = re.compile(rf"\[ {STAMP}\s+{USER}{PID}:\s*\w+ {LEVEL}/(?P<tag>.*?){PADDING}\](?P<text>)$")
 # What the platform's log daemon takes for a tag when it splits a kernel record at a colon.
 KERNEL_TAGS = {"", "tid", "pid", "task", "sysrq", "reboot"}
 
-SYSLOG = re.compile(rf"(?:{START}|\s)(?:{NAMED_DATE}|{ISO_DATE})"
-                    r" [\w.-]+ (?P<tag>[\w./-]+)(?:\[\d+\])?: (?P<text>.*)")
 # A stamp of the kernel, of dmesg or of a terminal, where a new piece begins.
 PIECE = re.compile(
     rf"(?:<\d+>)?\[ *{SECONDS}(?:[@,] ?\d+|\s*<[^>]{{,30}}>| / [^]]{{,40}})? *\]"
     r"|^\W*(?:<\d+>)?\[ *(?P<uptime>\d{1,9})\]"
     r"|^\W*\d+,\d+,(?P<microseconds>\d{1,16}),(?P<fields>[^;]*);"
-    rf"|(?:{START}|\[)(?:{NAMED_DATE}|{ISO_DATE})(?:\s*<[^>]{{,30}}>)?\]?"
+    rf"|(?:{START}|\[){DATE_FORM}(?:\s*<[^>]{{,30}}>)?\]?"
     r"|\[[ +<>\d.]+\]|^<\d+>")
 # What devices put behind it: "[T312]", "(3)[412:comm]", "c0", "I[0: swapper/0: 0]".
 CALLER = re.compile(r"\s*(?P<caller>\[ *[TC]\d+\]|\(\d+\)\[\d+:[^]]{,40}\]|"
@@ -103,38 +99,27 @@ def pieces(line, heading=None):
     """The pieces of a line; heading is the one of "long" above it."""
     line = COLOUR.sub("", line)
     if heading:
-        return [heading._replace(text=text_of(heading.text, line, heading.writer))]
-    for form in ANDROID:
+        return [heading._replace(text=heading.text + line)]
+    for form in TAGGED:
         if match := form.search(line):
-            return [android_piece(match)]
-    if match := SYSLOG.match(line):
-        if match["tag"] != "kernel":
-            return [Piece(match["text"], time_of(match), TAGS.get(match["tag"], OTHER))]
+            return [tagged_piece(match)]
     return list(kernel_pieces(line))
 
 
 def heading_of(line):
-    """The line as a heading of "long"; its text is the tag. None if it is none."""
+    """The line as a heading of "long"; None if it is none."""
     match = "]" in line and HEADING.match(COLOUR.sub("", line).strip())
-    return android_piece(match) if match else None
+    return tagged_piece(match) if match else None
 
 
-def android_piece(match):
+def tagged_piece(match):
     parts = match.groupdict()
-    tag, pid = parts.get("tag"), parts.get("pid")
+    tag, pid, text = parts.get("tag"), parts.get("pid"), parts["text"]
+    writer = UNKNOWN if tag is None else TAGS.get(tag, OTHER)
     if pid and int(pid) == 0 or pid is None and tag in KERNEL_TAGS:
         writer = KERNEL
-    else:
-        writer = UNKNOWN if tag is None else TAGS.get(tag, OTHER)
-    text = text_of(tag, parts["text"], writer) if "text" in parts else tag
-    # Most lines of a log are other programs', and only what they say of the daemon has a time.
-    is_of_use = writer != OTHER or "tovrel" in text
-    time = time_of(match) if is_of_use else Time()
-    return Piece(text.strip(), time, writer, pid=int(pid) if pid else None)
-
-
-def text_of(tag, text, writer):
-    return f"{tag}:{text}" if writer == KERNEL and tag else text
+        text = f"{tag}:{text}" if tag else text
+    return Piece(text.strip(), time_of(match), writer, pid=int(pid) if pid else None)
 
 
 def kernel_pieces(line):
@@ -151,24 +136,26 @@ def kernel_pieces(line):
 
 
 def date_of(text):
-    return time_of(re.search(NUMERIC_DATE, text))
+    match = re.match(DATE_FORM, text)
+    return time_of(match) if match else Time()
 
 
 def time_of(match):
-    parts = {key.removeprefix("iso_"): text for key, text in match.groupdict().items() if text}
+    parts = match.groupdict("")
     if number := parts.get("seconds") or parts.get("uptime"):
         # What is not the time since the boot counts from 1970.
         return Time(DATE if float(number) > 1e8 else UPTIME, float(number))
-    if "microseconds" in parts:
-        return Time(UPTIME, int(parts["microseconds"]) / 1e6)
-    if "month" not in parts:
+    if number := parts.get("microseconds"):
+        return Time(UPTIME, int(number) / 1e6)
+    if not parts.get("hour"):
         return Time()
-    clock = DATE if "year" in parts else DAY
-    month, second = parts["month"], float(parts.get("second", "0").replace(",", "."))
-    number = MONTHS.index(month) + 1 if month in MONTHS else int(month)
+    name, year = parts["name"], parts["year"] or parts["named_year"]
+    month = MONTHS.index(name) + 1 if name else int(parts["month"])
+    day, second = parts["day"] or parts["named_day"], parts["second"].replace(",", ".")
+    clock = DATE if year else DAY
     try:
-        minute = datetime.datetime(int(parts.get("year", 2000)), number, int(parts["day"]),
-                                   int(parts["hour"]), int(parts["minute"]))
+        minute = datetime.datetime(int(year or 2000), month, int(day), int(parts["hour"]),
+                                   int(parts["minute"]))
     except ValueError:
         return Time()
-    return Time(clock, (minute - EPOCHS[clock]).total_seconds() + second)
+    return Time(clock, (minute - EPOCHS[clock]).total_seconds() + float(second or 0))
