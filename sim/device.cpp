@@ -52,6 +52,7 @@ std::pair<std::string, std::string> cut(const std::string& text, const std::stri
 }
 
 void Device::change_task(const std::string& ids, const Task& changes) {
+    if (ids.find_first_not_of("0123456789/") != std::string::npos) fail("'" + ids + "' is no task");
     const auto [pid, thread_id] = cut(ids, "/");
     const std::string tid = thread_id.empty() ? pid : thread_id;
     const std::string directory = thread_directory(pid, tid);
@@ -86,8 +87,9 @@ void Device::write_files(const std::string& directory, const std::string& id, co
 void Device::remove_task(const std::string& ids) {
     const auto [pid, tid] = cut(ids, "/");
     const std::string directory = tid.empty() ? "/proc/" + pid + "/" : thread_directory(pid, tid);
+    if (files.count(directory + "stat") == 0) fail("there is no such task");
     files.erase(files.lower_bound(directory), files.lower_bound(directory + "~"));
-    tasks.erase(ids);
+    if (tid.empty()) tasks.erase(pid);  // a process keeps the time of a thread that is gone
 }
 
 std::string Device::output_of(const std::string& command) const {

@@ -10,6 +10,8 @@
 // What stands before and behind the first `at`; everything and nothing where there is none.
 std::pair<std::string, std::string> cut(const std::string& text, const std::string& at);
 
+constexpr char kConfigFile[] = "/vendor/etc/tovrel.json";
+
 // A task of the device: its keys and their values, as a step tells them.
 using Task = std::map<std::string, std::string>;
 

@@ -1,7 +1,6 @@
 #include "sim/play.h"
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <poll.h>
 #include <regex.h>
 #include <signal.h>
@@ -26,15 +25,14 @@ namespace {
 
 constexpr int kTurnSeconds = 10, kWorkerMs = 2000;  // of real time
 
-// Between the events and the failure.
-constexpr char kFailure[] = "\x1d";
+// Between the events, in which it is escaped, and the failure.
+const std::string kFailure(1, '\0');
 
 int record_file;
 regex_t watched;
 std::vector<std::string> events_of_now;  // not yet written
 double seconds_of_events = 0;
 size_t descriptors_before = 0;
-int unwritten_ids = 0;  // queued for the worker thread, as the log tells with debug on
 
 size_t count_descriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -50,8 +48,7 @@ size_t count_descriptors() {
     }
     const int properties = data_file(device->properties);  // for host/properties.cpp
     setenv("TOVREL_PROPERTIES", ("/proc/self/fd/" + std::to_string(properties)).c_str(), 1);
-    device->files.emplace("/vendor/etc/tovrel.json",
-                          "{\"Config\":" + device->config.toStyledString() + "}");
+    device->files.emplace(kConfigFile, "{\"Config\":" + device->config.toStyledString() + "}");
     descriptors_before = count_descriptors();
     program();
     fail("the daemon's main has returned");
@@ -86,11 +83,16 @@ void record_leaks() {
     if (can_check && __lsan_do_recoverable_leak_check() != 0) record("leaked memory");
 }
 
-bool worker_is_at_rest() {
-    const std::lock_guard lock(play_mutex);
-    return unwritten_ids <= 0 && std::none_of(open_files.begin(), open_files.end(), [](auto& file) {
-               return android::base::EndsWith(file.second.path, "per_task_detect_mode");
-           });
+// Sleeping is what all other threads do when nothing is left for them.
+bool others_sleep() {
+    const std::string main_thread = std::to_string(getpid());
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string stat;
+        android::base::ReadFileToString(task.path() / "stat", &stat, true);
+        const bool is_main_thread = task.path().filename() == main_thread;
+        if (!is_main_thread && stat.find(") S ") == std::string::npos) return false;
+    }
+    return true;
 }
 
 // How a process ended that did not say so itself.
@@ -118,9 +120,6 @@ Outcome play(const std::string& steps, const std::function<void()>& program) {
 
 void add_event(const std::string& event) {
     const std::lock_guard lock(play_mutex);
-    const bool is_worker_error = event[0] == 'E' && event.find("per_task") != std::string::npos;
-    if (android::base::StartsWith(event, "I add_pids")) ++unwritten_ids;
-    if (android::base::StartsWith(event, "per_task") || is_worker_error) --unwritten_ids;
     if (regexec(&watched, event.c_str(), 0, nullptr, 0) != 0) return;
     const double seconds = static_cast<double>(device->now_us / 1000) / 1000;
     if (seconds != seconds_of_events) write_events();
@@ -160,7 +159,7 @@ int data_file(const std::string& content) {
 
 void await_worker() {
     for (int ms = 0; ms < kWorkerMs; ++ms) {
-        if (worker_is_at_rest()) return;
+        if (others_sleep()) return;
         poll(nullptr, 0, 1);
     }
     fail("the worker thread has not written an id in time");

@@ -36,6 +36,6 @@ int main(int argc, char** argv) {
         const std::string config = argv[1];
         return print(play(config == "-" ? argv[2] : "config " + config + ";" + argv[2])) ? 0 : 2;
     }
-    fprintf(stderr, "usage: rehearse CONFIG STEPS\n");
+    fprintf(stderr, "usage: rehearse CONFIG|- STEPS, or rehearse < PLAYS\n");
     return 2;
 }

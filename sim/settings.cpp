@@ -101,6 +101,10 @@ int main(int argc, char** argv) {
     }
     const std::string files = std::string("config ") + argv[1] + ";properties " + argv[2];
     const Outcome outcome = play(files + ";watch E |settings", read_settings);
+    if (!outcome.failure.empty()) {
+        fprintf(stderr, "settings: %s\n", outcome.failure.c_str());
+        return 2;
+    }
     std::istringstream events(outcome.events);
     Json::Value result;
     result["errors"] = Json::Value(Json::arrayValue);
@@ -111,7 +115,4 @@ int main(int argc, char** argv) {
     }
     result["idle"] = !result["settings"]["enable"].asBool();
     puts(result.toStyledString().c_str());
-    if (outcome.failure.empty()) return 0;
-    fprintf(stderr, "settings: %s\n", outcome.failure.c_str());
-    return 2;
 }

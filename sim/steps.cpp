@@ -31,12 +31,17 @@ const std::map<std::string, std::string> kSections = {{"process", "monitor_proce
                                                       {"iowait", "black_white_list"},
                                                       {"platform", "default_open_hw_list"}};
 
+// The daemon reads once what these tell.
+const std::set<std::string> kOfTheStart = {"config", "prop", "properties", "watch"};
+
 const std::set<std::string> kTaskFiles = {"cgroup", "cmdline", "comm", "schedstat",
                                           "stat",   "status",  "wchan"};
 
 int number_of(const std::string& text) {
     int number = 0;
-    if (!android::base::ParseInt(text, &number)) fail("'" + text + "' is no number");
+    if (!android::base::ParseInt(android::base::Trim(text), &number)) {
+        fail("'" + text + "' is no number");
+    }
     return number;
 }
 
@@ -91,6 +96,7 @@ Task changes_of(const std::string& description) {
     Task changes;
     for (const std::string& word : words) {
         const auto [key, value] = cut(word, "=");
+        if (key == word) fail("'" + word + "' is no KEY=VALUE");
         changes[key] = value;
     }
     return changes;
@@ -142,21 +148,27 @@ void take_failure(Device& device, const std::string& words) {
 }
 
 void take_other_step(Device& device, const std::string& verb, const std::string& words) {
-    const auto [name, value] = cut(words, "=");
-    if (const auto section = kSections.find(verb); section != kSections.end()) {
+    const auto section = kSections.find(verb);
+    Json::Value* const setting = find_setting(device.config, verb);
+    const bool is_of_config = section != kSections.end() || setting != nullptr;
+    if (is_of_config && device.files.count(kConfigFile) != 0)
+        fail("a file tells the configuration");
+    if (section != kSections.end()) {
         device.config[section->second] = section_of(verb, words);
-    } else if (Json::Value* setting = find_setting(device.config, verb); setting != nullptr) {
+    } else if (setting != nullptr) {
         if (words.empty()) fail("the value is missing");
         *setting = value_of(words);
     } else if (device.settings.count(verb) != 0) {
         device.settings[verb] = number_of(words);
     } else if (verb == "prop") {
+        const std::string name = cut(words, "=").first;
+        if (name == words) fail("the value is missing");
         const bool is_short = name.find('.') == std::string::npos;
         device.properties += (is_short ? "persist.vendor.hg." : "") + words + "\n";
     } else if (verb == "properties") {
         device.properties += content_of(words) + "\n";
     } else if (verb == "config") {
-        device.files["/vendor/etc/tovrel.json"] = content_of(words);
+        device.files[kConfigFile] = content_of(words);
     } else if (verb == "file") {
         const auto [path, content] = named_text(words);
         device.files[path] = content;
@@ -180,6 +192,11 @@ void take_other_step(Device& device, const std::string& verb, const std::string&
 void take_step(Device& device, const std::string& step) {
     const auto [verb, words] = cut(step, " ");
     if (verb[0] == '@') {
+        const std::string later = cut(words, " ").first;
+        const bool is_of_config = kSections.count(later) + kOfTheStart.count(later) != 0;
+        if (is_of_config || find_setting(device.config, later) != nullptr) {
+            fail("the start cannot wait for it");
+        }
         device.put_off.emplace(number_of(verb.substr(1)), words);
     } else if (verb[0] == '-') {
         device.remove_task(verb.substr(1));

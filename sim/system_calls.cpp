@@ -213,8 +213,9 @@ int usleep(useconds_t us) {
 
 // The top of every turn of the scan loop.
 unsigned alarm(unsigned seconds) noexcept {
-    const int64_t until_us = int64_t{device->settings["until"]} * 1000000;
-    if (device->settings["turns"]-- == 0 || device->now_us / 1000 * 1000 > until_us) end_play();
+    const int64_t now_ms = device->now_us / 1000;
+    if (now_ms > int64_t{device->settings["until"]} * 1000) end_play();
+    if (device->settings["turns"]-- == 0) end_play();
     limit_turn();
     const std::lock_guard lock(play_mutex);
     record("calls", device->calls);
@@ -223,6 +224,7 @@ unsigned alarm(unsigned seconds) noexcept {
     return 0;
 }
 
+// What idles does so for ever; the second time shows it.
 int pause() {
     record("pause");
     static bool has_paused = false;
