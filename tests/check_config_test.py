@@ -17,6 +17,7 @@ COUNT = int(os.environ.get("RANDOM_CONFIGURATIONS", "10"))
 PREFIX = "persist.vendor.hg."
 BINDER = {"enable": True, "monitor_uids": [9], "wchans": ["w"],
           "uid_map": [{"name": "u9", "value": 9}]}
+PACE = {"timeout_second": 120, "interval_min_second": 5, "round": 6}
 SHELL = {"main": True, "debug": True, "use_shell": True}
 
 
@@ -29,8 +30,7 @@ def watch(*processes):
 
 def configuration(**sections):
     """One without surprises, but for these sections."""
-    scan = {"timeout_second": 120, "interval_min_second": 5, "round": 6}
-    return {"Config": {"switches": {"main": True, "debug": True}, "policy": "kill", "scan": scan,
+    return {"Config": {"switches": {"main": True, "debug": True}, "policy": "kill", "scan": PACE,
                        "monitor_process": watch("app:app"), "monitor_binder": {},
                        "default_open_hw_list": {}, "black_white_list": {}, **sections}}
 
@@ -50,7 +50,9 @@ class Case(unittest.TestCase):
     def told(self, document, *properties):
         self.config.write_text(json.dumps(document))
         self.properties.write_bytes("\n".join(PREFIX + line for line in properties).encode())
-        return json.loads(self.check(self.properties, "--json").stdout)
+        done = self.check(self.properties, "--json")
+        self.assertIn(done.returncode, (0, 1), done.stderr)
+        return json.loads(done.stdout)
 
 
 class BadInput(Case):
@@ -103,6 +105,9 @@ class Surprises(Case):
             ("Config.policy", {"switches": {"main": True}}),
             ("Config.monitor_process.list", {"monitor_process": watch("a:a", "a:b")}),
             ("Config.monitor_process.list", {"monitor_process": watch("a", "b:b")}),
+            ("Config.monitor_process.list", {"monitor_process": watch("a"),
+                                             "monitor_binder": BINDER}),
+            ("Config.scan", {"monitor_process": watch("app:t1:t2"), "scan": {**PACE, "round": 2}}),
             ("Config.switches.use_shell", {"switches": SHELL,
                                            "monitor_process": watch("a:a", "ab:ab")}),
             ("Config.switches.use_shell", {"switches": SHELL, "monitor_binder": BINDER}),

@@ -9,6 +9,8 @@ from .reading import PREFIX
 LIST, SHELL, SCAN = "Config.monitor_process.list", "Config.switches.use_shell", "Config.scan"
 LONG = 10  # time-outs of a healthy life
 MAX_ABSENT = 8  # tasks in turn
+# With less a missing thread is dumped or acted on in every scan, and hides others of its process.
+MIN_ROUND = 3
 BINDER_POOL = 16  # threads that a process has for binder calls, as a rule
 WATCHDOG_SLEEP = 30  # s, and then it has a second's work
 
@@ -28,8 +30,10 @@ def healthy_life(world, seconds):
         at = f"@{int(scan * world.interval)}"
         for number, ids in enumerate(others):
             yield f"{at} {ids} runs={scan + 9} {changes[(scan - number) % len(changes)]}"
-        ids = f"{BINDER}/{BINDER + 2}"
-        yield f"{at} {ids} comm=Binder:2 state=S" if scan % 3 == 0 else f"{at} -{ids}"
+        if scan % 3 == 1:
+            yield f"{at} {BINDER}/{BINDER + 2} comm=Binder:2 state=S"
+        if scan % 3 == 2:
+            yield f"{at} -{BINDER}/{BINDER + 2}"
 
 
 def false_alarms(world):
@@ -68,7 +72,7 @@ def overruns(world):
 def mend(world):
     """The first other pace with which nothing of that is wrong, in words."""
     for factor in (1, 2, 3, 4, 6, 8):
-        for count in (world.settings["round"], 4, 6, 8, 12):
+        for count in (max(MIN_ROUND, world.settings["round"]), 4, 6, 8, 12):
             timeout = min(3600, int(factor * world.timeout))
             changed = world.changed(scan={"timeout_second": timeout, "round": count})
             if not any(overruns(changed)) and not any(false_alarms(changed)):
@@ -109,13 +113,6 @@ def warnings(world, hangs):
     elif watches and not settings["debug"] and settings["policy"] in ("nothing", "kill"):
         yield "Config.policy", 'no line names who hung; switch "debug" on'
 
-    is_shell = settings["use_shell"]
-    never = dict.fromkeys(f"{hang['what']}, {hang['how']}" for hang in hangs
-                          if not hang["act"] and (is_shell or hang["what"] == WHOLE))
-    if never:
-        key, change = (SHELL, "switch it off") if is_shell else (LIST, "name its main thread")
-        yield key, f"never found, or not always: {'; '.join(never)}; {change}"
-
     entries = world.document["Config"]["monitor_process"].get("list", [])
     for name in world.processes:
         if [entry["process"] for entry in entries].count(name) > 1:
@@ -123,9 +120,24 @@ def warnings(world, hangs):
     for name in itertools.chain(*world.processes.values()):
         if re.match(r"[Bb]inder:\d", name):
             yield LIST, f'{name}: holds a process id, which changes; use "monitor_binder"'
-    if is_shell:
+    if settings["use_shell"]:
         yield from shell_warnings(world)
+    yield from hang_warnings(world, hangs)
     yield from property_warnings(world)
+
+
+def hang_warnings(world, hangs):
+    amiss = [hang for hang in hangs if not hang["act"] or
+             hang["what"] == WHOLE and hang["act"][1] < world.timeout]
+    words = "; ".join(dict.fromkeys(f"{hang['what']}, {hang['how']}" for hang in amiss))
+    if world.settings["use_shell"]:
+        key, change = SHELL, "switch it off"
+    elif any(hang["what"] == WHOLE for hang in amiss):
+        key, change = LIST, 'name the main thread in "thread"'
+    else:
+        key, change = SCAN, f'set "round" to {MIN_ROUND}'
+    if amiss:
+        yield key, f"not always found, or in half the time: {words}; {change}"
 
 
 def shell_warnings(world):
