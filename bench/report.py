@@ -181,7 +181,9 @@ def compare(old, new):
         print(f"{title:<45} {ratio(*samples)}", flush=True)
 
 
-if len(sys.argv) > 1:
+if len(sys.argv) == 1:
+    write_document()
+elif len(sys.argv) == 3:
     compare(*sys.argv[1:])
 else:
-    write_document()
+    sys.exit(__doc__)

@@ -8,8 +8,8 @@
 // sent.
 //
 // A redirected file is never created, so a kernel without the hung-task extension is played by a
-// directory without its files. What is written is appended, each time behind a newline of the
-// sandbox's own, since the daemon writes its records without any.
+// directory without its files. What is written is appended, at each opening behind a newline of
+// the sandbox's own, since the daemon writes its records without any.
 
 #include <android/log.h>
 #include <errno.h>

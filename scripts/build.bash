@@ -9,7 +9,7 @@ command=$(realpath "$0")
 # refuse TEXT
 # Ends the command for a reason that the user can mend.
 refuse() {
-    echo "${command##*/}: $*" >&2
+    echo "${0##*/}: $*" >&2
     exit 2
 }
 

@@ -21,6 +21,7 @@ TOOLS = ROOT / "tools"
 sys.path.append(str(TOOLS))
 from check_config.reading import read_properties  # also what getprop prints
 
+# The file that is sourced is the first word behind the command.
 BUILD = 'source "$0"; build release tovrel sandbox stuck_task rehearse settings'
 DEADLINE = 60  # s, for the last report of the demonstration
 INTRODUCTION = """\
