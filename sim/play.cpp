@@ -72,6 +72,7 @@ void write_events() {
 
 void record_leaks() {
     await_worker();
+    const std::lock_guard lock(play_mutex);
     for (const auto& [fd, file] : open_files) {
         // That directory may wait for the first walk.
         if (file.path != "/proc/") record("leaked", file.path);

@@ -124,9 +124,12 @@ int close(int fd) {
 }
 
 ssize_t read(int fd, void* data, size_t size) {
-    const std::lock_guard lock(play_mutex);
+    std::unique_lock lock(play_mutex);
     const auto file = open_files.find(fd);
-    if (file == open_files.end()) return REAL(read)(fd, data, size);
+    if (file == open_files.end()) {
+        lock.unlock();  // others_sleep() reads what the worker thread does without it
+        return REAL(read)(fd, data, size);
+    }
     std::string& content = file->second.content;
     const size_t count = content.copy(static_cast<char*>(data), size);
     content.erase(0, count);
