@@ -64,8 +64,9 @@ void write_events() {
     if (device->settings["sorted"] != 0) std::sort(events_of_now.begin(), events_of_now.end());
     std::ostringstream lines;
     lines.precision(9);  // milliseconds, for days
-    for (const std::string& event : events_of_now)
+    for (const std::string& event : events_of_now) {
         lines << seconds_of_events << ' ' << event << '\n';
+    }
     events_of_now.clear();
     android::base::WriteStringToFd(lines.str(), record_file);
 }
@@ -77,8 +78,8 @@ void record_leaks() {
         // That directory may wait for the first walk.
         if (file.path != "/proc/") record("leaked", file.path);
     }
-    if (count_descriptors() != descriptors_before + open_files.size())
-        record("leaked a descriptor");
+    const size_t surplus = count_descriptors() - descriptors_before;
+    if (surplus != open_files.size()) record("leaked a descriptor");
     if (waitpid(-1, nullptr, WNOHANG) != -1) record("leaked a child");
     const bool can_check = __lsan_do_recoverable_leak_check != nullptr;
     if (can_check && __lsan_do_recoverable_leak_check() != 0) record("leaked memory");
@@ -163,5 +164,5 @@ void await_worker() {
         if (others_sleep()) return;
         poll(nullptr, 0, 1);
     }
-    fail("the worker thread has not written an id in time");
+    fail("the worker thread does not come to rest");
 }

@@ -151,8 +151,9 @@ void take_other_step(Device& device, const std::string& verb, const std::string&
     const auto section = kSections.find(verb);
     Json::Value* const setting = find_setting(device.config, verb);
     const bool is_of_config = section != kSections.end() || setting != nullptr;
-    if (is_of_config && device.files.count(kConfigFile) != 0)
+    if (is_of_config && device.files.count(kConfigFile) != 0) {
         fail("a file tells the configuration");
+    }
     if (section != kSections.end()) {
         device.config[section->second] = section_of(verb, words);
     } else if (setting != nullptr) {

@@ -84,23 +84,6 @@ TEST(Record, ForgetsItsSampleAndKeepsItsIds) {
     EXPECT_EQ(task.cpu_time, 6u);
 }
 
-TEST(ProcessInfo, IsUnboundWithItsThreads) {
-    process_info process;
-    EXPECT_FALSE(process.started || process.main_only || process.zygote_child);
-    EXPECT_EQ(process.pid, -1);
-    EXPECT_EQ(process.ppid, -1);
-    EXPECT_EQ(process.state, '?');
-    process = {true, true, true, 5, 6, 'D', "name", {}};
-    process.threads["thread"].count = 7;
-    process.unbind();
-    EXPECT_FALSE(process.started);
-    EXPECT_EQ(process.pid, -1);
-    EXPECT_EQ(process.ppid, -1);
-    EXPECT_EQ(process.state, '?');
-    EXPECT_EQ(process.threads["thread"].count, 0);
-    EXPECT_TRUE(process.main_only && process.zygote_child);
-}
-
 TEST(Config, BeginsSwitchedOff) {
     const Config& config = Config::get();
     EXPECT_FALSE(config.enable || config.debug || config.use_shell);
