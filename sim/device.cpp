@@ -19,8 +19,9 @@ std::string thread_directory(const std::string& pid, const std::string& tid) {
 
 std::string sum(const std::map<std::string, Task>& threads, const std::string& key) {
     uint64_t total = 0;
-    for (const auto& [tid, thread] : threads)
+    for (const auto& [tid, thread] : threads) {
         total += strtoull(thread.at(key).c_str(), nullptr, 10);
+    }
     return std::to_string(total);
 }
 

@@ -123,7 +123,8 @@ Outcome play(const std::string& steps, const std::function<void()>& program) {
 void add_event(const std::string& event) {
     const std::lock_guard lock(play_mutex);
     if (regexec(&watched, event.c_str(), 0, nullptr, 0) != 0) return;
-    const double seconds = static_cast<double>(device->now_us / 1000) / 1000;
+    const int64_t now_ms = device->now_us / 1000;
+    const double seconds = static_cast<double>(now_ms) / 1000;
     if (seconds != seconds_of_events) write_events();
     seconds_of_events = seconds;
     events_of_now.push_back(escaped(event));
