@@ -58,10 +58,16 @@ Json::Value json_of(const ProcessMonitor* monitor) {
     return object({{"enable", monitor->enable}});
 }
 
+const char* name_of(const Module* module, const Config& config) {
+    if (module == config.binder_monitor) return "binder_monitor";
+    return module == config.black_white_list ? "black_white_list" : "process_monitor";
+}
+
 Json::Value json_of(const Config& config) {
     static const char* const kPolicies[] = {"kill", "reboot", "panic", "nothing"};
-    Json::Value processes = object({});
+    Json::Value processes = object({}), modules(Json::arrayValue);
     for (const auto& [name, threads] : config.process_list) processes[name] = json_of(threads);
+    for (const Module* module : config.modules) modules.append(name_of(module, config));
     return object({{"enable", config.enable},
                    {"debug", config.debug},
                    {"use_shell", config.use_shell},
@@ -81,7 +87,8 @@ Json::Value json_of(const Config& config) {
                    {"process_list", processes},
                    {"binder_monitor", json_of(config.binder_monitor)},
                    {"black_white_list", json_of(config.black_white_list)},
-                   {"process_monitor", json_of(config.process_monitor)}});
+                   {"process_monitor", json_of(config.process_monitor)},
+                   {"modules", modules}});
 }
 
 // In the daemon's place.
