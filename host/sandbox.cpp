@@ -15,12 +15,15 @@
 #include <errno.h>
 #include <limits.h>
 #include <linux/fcntl.h>  // <fcntl.h> would redirect or inline the functions defined here
+#include <linux/magic.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace {
@@ -39,6 +42,15 @@ int kernel_open(const char* path, int flags, unsigned mode) {
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
 
+// False for a device and for a file of /proc: a sandbox that is "/" or holds a link out of itself
+// must not lead back to the kernel.
+bool is_plain_file(int fd) {
+    struct stat status;
+    struct statfs file_system;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && fstatfs(fd, &file_system) == 0 &&
+           file_system.f_type != PROC_SUPER_MAGIC;
+}
+
 int sandbox_open(const char* path, int flags) {
     const char* sandbox = getenv("TOVREL_SANDBOX");
     char redirected[PATH_MAX];
@@ -50,7 +62,13 @@ int sandbox_open(const char* path, int flags) {
     flags &= ~(O_CREAT | O_EXCL | O_TRUNC);
     const bool for_writing = (flags & O_ACCMODE) != O_RDONLY;
     const int fd = kernel_open(redirected, for_writing ? flags | O_APPEND : flags, 0);
-    if (for_writing && fd != -1) dprintf(fd, "\n");
+    if (fd == -1) return -1;
+    if (!is_plain_file(fd)) {
+        close(fd);
+        errno = EACCES;
+        return -1;
+    }
+    if (for_writing) dprintf(fd, "\n");
     return fd;
 }
 
